@@ -1,0 +1,65 @@
+// RAII handles for the C resources the library holds, so that every error
+// path releases what exists by simply returning.
+#ifndef DAXO_C_HANDLES_H
+#define DAXO_C_HANDLES_H
+
+#include <json-c/json.h>
+#include <mosquitto.h>
+#include <openssl/bio.h>
+#include <openssl/bn.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+namespace daxo {
+
+template <auto Free>
+struct CFree {
+  template <class T>
+  void operator()(T* p) const noexcept {
+    Free(p);
+  }
+};
+
+using JsonPtr = std::unique_ptr<json_object, CFree<json_object_put>>;
+using CStr = std::unique_ptr<char, CFree<free>>;  // malloc'd text
+using FilePtr = std::unique_ptr<FILE, CFree<fclose>>;
+using X509Ptr = std::unique_ptr<X509, CFree<X509_free>>;
+using X509ReqPtr = std::unique_ptr<X509_REQ, CFree<X509_REQ_free>>;
+using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, CFree<EVP_PKEY_free>>;
+using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, CFree<EVP_PKEY_CTX_free>>;
+using BioPtr = std::unique_ptr<BIO, CFree<BIO_free_all>>;
+using BignumPtr = std::unique_ptr<BIGNUM, CFree<BN_clear_free>>;
+using MosquittoPtr = std::unique_ptr<mosquitto, CFree<mosquitto_destroy>>;
+
+// The levels of a topic as mosquitto_sub_topic_tokenise yields them.
+class TopicLevels {
+ public:
+  TopicLevels() = default;
+  TopicLevels(const TopicLevels&) = delete;
+  TopicLevels& operator=(const TopicLevels&) = delete;
+  ~TopicLevels() {
+    if (levels_ != nullptr) mosquitto_sub_topic_tokens_free(&levels_, count_);
+  }
+
+  // Splits topic; false when libmosquitto refuses or runs out of memory.
+  bool Tokenise(const char* topic) noexcept {
+    return mosquitto_sub_topic_tokenise(topic, &levels_, &count_) == MOSQ_ERR_SUCCESS;
+  }
+  int Count() const noexcept { return count_; }
+  // A missing or empty level (level 0 of "/a/b") is null.
+  const char* operator[](int i) const noexcept {
+    return i >= 0 && i < count_ ? levels_[i] : nullptr;
+  }
+
+ private:
+  char** levels_ = nullptr;
+  int count_ = 0;
+};
+
+}  // namespace daxo
+
+#endif

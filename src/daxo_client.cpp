@@ -1,0 +1,137 @@
+// The exported functions: guard clauses, then one call into the code that
+// does the work.
+#include "daxo_client.h"
+
+#include "daxo_internal.h"
+
+namespace {
+
+template <class Callback>
+DAXO_Error SetCallback(DAXO_Client* client, Callback DAXO_Client::*field,
+                       Callback callback) noexcept {
+  if (client == nullptr) return DAXO_Error_InvalidArguments;
+  client->*field = callback;
+  return DAXO_Error_Success;
+}
+
+}  // namespace
+
+extern "C" {
+
+DAXO_Error DAXO_LibInit(void) noexcept {
+  MosquittoLibInit();
+  return DAXO_Error_Success;
+}
+
+DAXO_Error DAXO_LibCleanup(void) noexcept {
+  MosquittoLibCleanup();
+  return DAXO_Error_Success;
+}
+
+DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackParameter,
+                            DAXO_Error* err) noexcept {
+  return NewClientInternal(confFile, callbackParameter, err, CreateMosquittoClient,
+                           DestroyMosquittoClient);
+}
+
+DAXO_Error DAXO_DeleteClient(DAXO_Client* client) noexcept {
+  if (client == nullptr) return DAXO_Error_InvalidArguments;
+  daxo::DestroyClient(client);
+  return DAXO_Error_Success;
+}
+
+const char* DAXO_GetClientId(DAXO_Client* client) noexcept {
+  return client != nullptr ? client->clientId : nullptr;
+}
+
+DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {
+  if (client == nullptr) return DAXO_Error_InvalidArguments;
+  return daxo::DisconnectMain(client);
+}
+
+DAXO_Error DAXO_ProvisionClientCallbackSet(DAXO_Client* client,
+                                           DAXO_OnProvisionClient OnProvisionClient) noexcept {
+  return SetCallback(client, &DAXO_Client::OnProvisionClient, OnProvisionClient);
+}
+
+DAXO_Error DAXO_ConnectCallbackSet(DAXO_Client* client, DAXO_OnConnect OnConnect) noexcept {
+  return SetCallback(client, &DAXO_Client::OnConnect, OnConnect);
+}
+
+DAXO_Error DAXO_DisconnectCallbackSet(DAXO_Client* client,
+                                      DAXO_OnDisconnect OnDisconnect) noexcept {
+  return SetCallback(client, &DAXO_Client::OnDisconnect, OnDisconnect);
+}
+
+DAXO_Error DAXO_CreateSensorCallbackSet(DAXO_Client* client,
+                                        DAXO_OnCreateSensor OnCreateSensor) noexcept {
+  return SetCallback(client, &DAXO_Client::OnCreateSensor, OnCreateSensor);
+}
+
+DAXO_Error DAXO_UpdateSensorCallbackSet(DAXO_Client* client,
+                                        DAXO_OnModifySensor OnModifySensor) noexcept {
+  return SetCallback(client, &DAXO_Client::OnModifySensor, OnModifySensor);
+}
+
+DAXO_Error DAXO_DeleteSensorCallbackSet(DAXO_Client* client,
+                                        DAXO_OnDeleteSensor OnDeleteSensor) noexcept {
+  return SetCallback(client, &DAXO_Client::OnDeleteSensor, OnDeleteSensor);
+}
+
+DAXO_Error DAXO_DeleteMetricsCallbackSet(DAXO_Client* client,
+                                         DAXO_OnDeleteMetrics OnDeleteMetrics) noexcept {
+  return SetCallback(client, &DAXO_Client::OnDeleteMetrics, OnDeleteMetrics);
+}
+
+DAXO_Error DAXO_PushMetricValuesCallbackSet(DAXO_Client* client,
+                                            DAXO_OnPushMetricValues OnPushMetricValues) noexcept {
+  return SetCallback(client, &DAXO_Client::OnPushMetricValues, OnPushMetricValues);
+}
+
+DAXO_Error DAXO_CreateMetricsCallbackSet(DAXO_Client* client,
+                                         DAXO_OnCreateMetrics OnCreateMetrics) noexcept {
+  return SetCallback(client, &DAXO_Client::OnCreateMetrics, OnCreateMetrics);
+}
+
+DAXO_Error DAXO_UpdateMetricsCallbackSet(DAXO_Client* client,
+                                         DAXO_OnUpdateMetrics OnUpdateMetrics) noexcept {
+  return SetCallback(client, &DAXO_Client::OnUpdateMetrics, OnUpdateMetrics);
+}
+
+DAXO_Error DAXO_LogCallbackSet(DAXO_Client* client, DAXO_OnLog onLog) noexcept {
+  return SetCallback(client, &DAXO_Client::OnLog, onLog);
+}
+
+DAXO_Error DAXO_ListSensorsCallbackSet(DAXO_Client* client,
+                                       DAXO_OnListSensors OnListSensors) noexcept {
+  return SetCallback(client, &DAXO_Client::OnListSensors, OnListSensors);
+}
+
+DAXO_Error DAXO_DescribeMetricCallbackSet(DAXO_Client* client,
+                                          DAXO_OnDescribeMetric OnDescribeMetric) noexcept {
+  return SetCallback(client, &DAXO_Client::OnDescribeMetric, OnDescribeMetric);
+}
+
+DAXO_Error DAXO_CheckConnectionCallbackSet(DAXO_Client* client,
+                                           DAXO_OnCheckConnection OnCheckConnection) noexcept {
+  return SetCallback(client, &DAXO_Client::OnCheckConnection, OnCheckConnection);
+}
+
+DAXO_Error DAXO_DeprovisionClientCallbackSet(
+    DAXO_Client* client, DAXO_OnDeprovisionClient OnDeprovisionClient) noexcept {
+  DAXO_Error err = SetCallback(client, &DAXO_Client::OnDeprovisionClient, OnDeprovisionClient);
+  if (err == DAXO_Error_Success) daxo::InstallPublishHandler(client);
+  return err;
+}
+
+DAXO_Error DAXO_CreateSensorJobCallbackSet(DAXO_Client* client,
+                                           DAXO_OnCreateSensorJob OnCreateSensorJob) noexcept {
+  return SetCallback(client, &DAXO_Client::OnCreateSensorJob, OnCreateSensorJob);
+}
+
+DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
+                                           DAXO_OnDeleteSensorJob OnDeleteSensorJob) noexcept {
+  return SetCallback(client, &DAXO_Client::OnDeleteSensorJob, OnDeleteSensorJob);
+}
+
+}  // extern "C"

@@ -1,0 +1,337 @@
+/*
+ * libdaxoclient: report a device's measurements to the local IoT agent.
+ *
+ * An application creates a client from a configuration file, provisions it
+ * (a key pair and a certificate request sent to the agent; the certificate
+ * that comes back names the client), connects with mutual TLS and then
+ * manages sensors and metrics, pushes values and receives jobs. Every
+ * request returns at once; the agent's answer arrives later through a
+ * callback.
+ *
+ * Threads: every function here is called from the application's own
+ * threads. Callbacks run on threads of the library (named with each
+ * callback type below); strings passed to a callback belong to the library
+ * and are valid only during the call. Set every callback before
+ * DAXO_ProvisionClient and DAXO_Connect, and never delete a client from
+ * inside one of its callbacks.
+ *
+ * This header compiles as C11 and as C++.
+ */
+#ifndef DAXO_CLIENT_H
+#define DAXO_CLIENT_H
+
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define DAXO_EXPORT __attribute__((visibility("default")))
+#else
+#define DAXO_EXPORT
+#endif
+
+#ifdef __cplusplus
+#define DAXO_NOEXCEPT noexcept
+#else
+#define DAXO_NOEXCEPT
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------
+ * Result codes
+ * ---------------------------------------------------------------------- */
+
+/* The library's own result, returned by every operation and passed to the
+ * connection, provisioning and renewal callbacks. The numbers are stable. */
+typedef enum DAXO_ErrorTag {
+  DAXO_Error_Unknown = -1,
+  DAXO_Error_Success = 0,
+  DAXO_Error_WrongApiVersion = 1,
+  DAXO_Error_WrongConfigName = 2,
+  DAXO_Error_ConfigReadFailed = 3,
+  DAXO_Error_WrongConfigParams = 4,
+  DAXO_Error_NoMemory = 5,
+  DAXO_Error_InvalidArguments = 6,
+  DAXO_Error_NoResource = 7,
+  DAXO_Error_ConnectionFailed = 8,
+  DAXO_Error_WrongProtocol = 9,
+  DAXO_Error_WrongIdentifier = 10,
+  DAXO_Error_ServerUnavailable = 11,
+  DAXO_Error_UnexpectedDisconnect = 12,
+  DAXO_Error_NoConnectionToServer = 13,
+  DAXO_Error_PayloadSize = 14,
+  DAXO_Error_WrongReply = 15,
+  DAXO_Error_Busy = 16,
+  DAXO_Error_CreateCertificate = 17,
+  DAXO_Error_CreateProvisionCertificate = 18,
+  DAXO_Error_CreatePrivateKey = 19,
+  DAXO_Error_GetClientId = 20,
+  DAXO_Error_TlsSetFailed = 21,
+  DAXO_Error_ClientProvision = 22,
+  DAXO_Error_ModifySensor = 23,
+  DAXO_Error_DeleteSensor = 24,
+  DAXO_Error_DeleteMetrics = 25,
+  DAXO_Error_RemoveCertificates = 26,
+  DAXO_Error_TlsConnection = 27,
+  DAXO_Error_Errno = 28,
+  DAXO_Error_ComposeJson = 29,
+  DAXO_Error_NoThreadSupport = 30,
+  DAXO_Error_ReadCertificateCN = 31,
+  DAXO_Error_CertificateRequestPath = 32,
+  DAXO_Error_CertifcateFolderPath = 33,
+  DAXO_Error_AlreadyProvisioned = 34,
+  DAXO_Error_WritingToCertificateFile = 35,
+  DAXO_Error_WrongCertificateFile = 36,
+  DAXO_Error_ThreadCreate = 37,
+  DAXO_Error_NoBackendConnection = 38,
+  DAXO_Error_CertificateRequest = 39
+} DAXO_Error;
+
+/* The agent's verdict on a request, passed to reply callbacks. The numbers
+ * are the agent's own "errorcode" values; DAXO_ApiError_NoError marks a
+ * successful reply and DAXO_ApiError_UnknownError any number outside 1..27. */
+typedef enum DAXO_ApiErrorTag {
+  DAXO_ApiError_NoError = -1,
+  DAXO_ApiError_UnknownError = 0,
+  DAXO_ApiError_NoBackendConnection = 1,
+  DAXO_ApiError_InternalError = 3,
+  DAXO_ApiError_InvalidJson = 4,
+  DAXO_ApiError_JsonIsNotAnObject = 5,
+  DAXO_ApiError_MissingParameter = 6,
+  DAXO_ApiError_ParameterIsNotAString = 7,
+  DAXO_ApiError_ParameterIsNotANumber = 8,
+  DAXO_ApiError_ParameterIsNotABool = 9,
+  DAXO_ApiError_ParameterIsNotAnArray = 10,
+  DAXO_ApiError_ParameterIsNotAnInteger = 11,
+  DAXO_ApiError_UnknownValueUnit = 12,
+  DAXO_ApiError_UnknownMetricType = 13,
+  DAXO_ApiError_ValueUnitOrValueTypeHasToBeProvided = 14,
+  DAXO_ApiError_UnknownSensorId = 15,
+  DAXO_ApiError_UnknownMetricId = 16,
+  DAXO_ApiError_NoMetricsUpdated = 17,
+  DAXO_ApiError_ForbiddendAccess = 18,
+  DAXO_ApiError_OutOfRange = 19,
+  DAXO_ApiError_CertificateFormatError = 20,
+  DAXO_ApiError_CertificateIsEmptyError = 21,
+  DAXO_ApiError_CertificateWithoutCommonName = 22,
+  DAXO_ApiError_DeleteMetricsFailed = 23,
+  DAXO_ApiError_ChangeMetricsFailed = 24,
+  DAXO_ApiError_InvalidClientName = 25,
+  DAXO_ApiError_CreateMetricsFailed = 26,
+  DAXO_ApiError_PushValuesFailed = 27
+} DAXO_ApiError;
+
+/* ------------------------------------------------------------------------
+ * Handles and records
+ * ---------------------------------------------------------------------- */
+
+/* The client: opaque, created by DAXO_NewClient, released by
+ * DAXO_DeleteClient. */
+typedef struct DAXO_ClientTag DAXO_Client;
+
+/* Records delivered by reply callbacks; the application owns them once
+ * delivered and releases them with their destroyers. */
+typedef struct DAXO_SensorMetadataTag DAXO_SensorMetadata;
+typedef struct DAXO_SensorsInfoTag DAXO_SensorsInfo;
+typedef struct DAXO_CreatedMetricsTag DAXO_CreatedMetrics;
+typedef struct DAXO_MetricMetadataTag DAXO_MetricMetadata;
+
+/* ------------------------------------------------------------------------
+ * Callback types
+ *
+ * Every callback receives the client first and the callbackParameter given
+ * to DAXO_NewClient unchanged; its position differs between types.
+ * ---------------------------------------------------------------------- */
+
+/* A diagnostic line: no level, no time stamp, no trailing newline. Called
+ * on whichever thread produced the line, without any lock held, so it must
+ * accept concurrent calls. The line is valid only during the call. */
+typedef void (*DAXO_OnLog)(DAXO_Client* client, const char* line, void* callbackParameter);
+
+/* Outcome of a connection: DAXO_Error_Success once the client's topic tree
+ * is subscribed (after every automatic reconnection too), or the broker's
+ * refusal. Runs on the connection's network thread. */
+typedef void (*DAXO_OnConnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
+
+/* End of the connection: DAXO_Error_Success when the application asked for
+ * it, DAXO_Error_UnexpectedDisconnect otherwise. Network thread. */
+typedef void (*DAXO_OnDisconnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
+
+/* Reply to DAXO_CreateSensor: its name and the agent's new sensor id, or
+ * null strings and the agent's code. Network thread. */
+typedef void (*DAXO_OnCreateSensor)(DAXO_Client* client, void* callbackParameter,
+                                    const char* sensorName, const char* sensorId,
+                                    DAXO_ApiError err);
+
+/* Reply to DAXO_CreateMetrics; the record (null on error) becomes the
+ * application's. Network thread. */
+typedef void (*DAXO_OnCreateMetrics)(DAXO_Client* client, void* callbackParameter,
+                                     DAXO_CreatedMetrics* metrics, DAXO_ApiError err);
+
+/* Reply to DAXO_UpdateMetrics for the sensor named. Network thread. */
+typedef void (*DAXO_OnUpdateMetrics)(DAXO_Client* client, void* callbackParameter,
+                                     const char* sensorId, DAXO_ApiError err);
+
+/* The deprovisioning request has been delivered and the local identity
+ * removed. Network thread. */
+typedef void (*DAXO_OnDeprovisionClient)(DAXO_Client* client, void* callbackParameter);
+
+/* Reply to DAXO_ListSensors; the record (null on error) becomes the
+ * application's. Network thread. */
+typedef void (*DAXO_OnListSensors)(DAXO_Client* client, DAXO_SensorsInfo* sensors,
+                                   void* callbackParameter, DAXO_ApiError err);
+
+/* Reply to DAXO_DescribeMetric; the record (null on error) becomes the
+ * application's. Network thread. */
+typedef void (*DAXO_OnDescribeMetric)(DAXO_Client* client, const char* sensorId,
+                                      DAXO_MetricMetadata* metric, void* callbackParameter,
+                                      DAXO_ApiError err);
+
+/* Outcome of DAXO_ProvisionClient. Runs on the provisioning connection's
+ * network thread, or on the caller's thread for
+ * DAXO_Error_AlreadyProvisioned. */
+typedef void (*DAXO_OnProvisionClient)(DAXO_Client* client, void* callbackParameter,
+                                       DAXO_Error err);
+
+/* Reply to DAXO_UpdateSensor for the sensor named. Network thread. */
+typedef void (*DAXO_OnModifySensor)(DAXO_Client* client, void* callbackParameter,
+                                    const char* sensorId, DAXO_ApiError err);
+
+/* Reply to DAXO_DeleteSensor for the sensor named. Network thread. */
+typedef void (*DAXO_OnDeleteSensor)(DAXO_Client* client, void* callbackParameter,
+                                    const char* sensorId, DAXO_ApiError err);
+
+/* Reply to DAXO_PushMetricValues for the sensor named. Network thread. */
+typedef void (*DAXO_OnPushMetricValues)(DAXO_Client* client, void* callbackParameter,
+                                        const char* sensorId, DAXO_ApiError err);
+
+/* Reply to DAXO_DeleteMetrics for the sensor named. Network thread. */
+typedef void (*DAXO_OnDeleteMetrics)(DAXO_Client* client, void* callbackParameter,
+                                     const char* sensorId, DAXO_ApiError err);
+
+/* Reply to DAXO_CheckConnection. Network thread. */
+typedef void (*DAXO_OnCheckConnection)(DAXO_Client* client, void* callbackParameter,
+                                       DAXO_ApiError err);
+
+/* The agent asks the application to create the sensor described; the
+ * record becomes the application's. Network thread. */
+typedef void (*DAXO_OnCreateSensorJob)(DAXO_Client* client, DAXO_SensorMetadata* sensor,
+                                       void* callbackParameter);
+
+/* The agent asks the application to delete the sensor named. Network
+ * thread. */
+typedef void (*DAXO_OnDeleteSensorJob)(DAXO_Client* client, const char* sensorId,
+                                       void* callbackParameter);
+
+/* ------------------------------------------------------------------------
+ * Library
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_LibInit initialises the library once per process, before the first
+ * client is created. Always returns DAXO_Error_Success. */
+DAXO_EXPORT DAXO_Error DAXO_LibInit(void) DAXO_NOEXCEPT;
+
+/* DAXO_LibCleanup releases the library once, after the last client has
+ * been deleted. Always returns DAXO_Error_Success. */
+DAXO_EXPORT DAXO_Error DAXO_LibCleanup(void) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Client
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_NewClient creates a client from the configuration file at confFile
+ * and starts its certificate watch thread; it makes no connection.
+ *
+ * The file holds one setting a line, a key, blanks and the value:
+ *   MqttHost, MqttPort, MqttProvisionPort, CaFile, CertFolder (required),
+ *   MqttKeepAlive, ClientName (optional). Lines starting with "#" are
+ *   comments.
+ *
+ * callbackParameter is passed back unchanged to every callback and never
+ * dereferenced. err must point to writable storage; it receives the result
+ * on every path: DAXO_Error_InvalidArguments (null confFile),
+ * DAXO_Error_WrongConfigName (empty confFile), DAXO_Error_ConfigReadFailed,
+ * DAXO_Error_WrongConfigParams, DAXO_Error_NoMemory,
+ * DAXO_Error_ThreadCreate, or DAXO_Error_Success.
+ *
+ * Returns the client, owned by the caller and released with
+ * DAXO_DeleteClient, or null on failure (nothing is left allocated). */
+DAXO_EXPORT DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackParameter,
+                                        DAXO_Error* err) DAXO_NOEXCEPT;
+
+/* DAXO_DeleteClient stops the client's watch thread, disconnects and
+ * releases its connections and frees the client. Call it from the
+ * application's thread, never from a callback. Returns
+ * DAXO_Error_InvalidArguments for a null client, else DAXO_Error_Success. */
+DAXO_EXPORT DAXO_Error DAXO_DeleteClient(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* DAXO_GetClientId returns the client identifier (the common name of the
+ * client certificate), or null for a null client or before provisioning.
+ * The string belongs to the client: it is valid until the client is deleted
+ * or provisioned anew. */
+DAXO_EXPORT const char* DAXO_GetClientId(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Callback setters
+ *
+ * Each stores its callback (null switches it off) and returns
+ * DAXO_Error_Success, or DAXO_Error_InvalidArguments for a null client.
+ * Callbacks are read by the library's threads without a lock: set them
+ * before DAXO_ProvisionClient and DAXO_Connect.
+ * ---------------------------------------------------------------------- */
+
+DAXO_EXPORT DAXO_Error DAXO_ProvisionClientCallbackSet(DAXO_Client* client,
+                                                       DAXO_OnProvisionClient OnProvisionClient) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_ConnectCallbackSet(DAXO_Client* client, DAXO_OnConnect OnConnect) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_DisconnectCallbackSet(DAXO_Client* client,
+                                                  DAXO_OnDisconnect OnDisconnect) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_CreateSensorCallbackSet(DAXO_Client* client,
+                                                    DAXO_OnCreateSensor OnCreateSensor) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_UpdateSensorCallbackSet(DAXO_Client* client,
+                                                    DAXO_OnModifySensor OnModifySensor) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_DeleteSensorCallbackSet(DAXO_Client* client,
+                                                    DAXO_OnDeleteSensor OnDeleteSensor) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_DeleteMetricsCallbackSet(DAXO_Client* client,
+                                                     DAXO_OnDeleteMetrics OnDeleteMetrics) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_PushMetricValuesCallbackSet(DAXO_Client* client,
+                                                        DAXO_OnPushMetricValues OnPushMetricValues) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_CreateMetricsCallbackSet(DAXO_Client* client,
+                                                     DAXO_OnCreateMetrics OnCreateMetrics) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_UpdateMetricsCallbackSet(DAXO_Client* client,
+                                                     DAXO_OnUpdateMetrics OnUpdateMetrics) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_LogCallbackSet(DAXO_Client* client, DAXO_OnLog onLog) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_ListSensorsCallbackSet(DAXO_Client* client,
+                                                   DAXO_OnListSensors OnListSensors) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_DescribeMetricCallbackSet(DAXO_Client* client,
+                                                      DAXO_OnDescribeMetric OnDescribeMetric) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_CheckConnectionCallbackSet(DAXO_Client* client,
+                                                       DAXO_OnCheckConnection OnCheckConnection) DAXO_NOEXCEPT;
+
+/* DAXO_DeprovisionClientCallbackSet also installs, on the client's current
+ * connection, the handler that completes a deprovisioning once the broker
+ * acknowledges its request (null removes it). Set before DAXO_Connect, the
+ * callback is remembered and installed on the connection DAXO_Connect
+ * makes. */
+DAXO_EXPORT DAXO_Error DAXO_DeprovisionClientCallbackSet(
+    DAXO_Client* client, DAXO_OnDeprovisionClient OnDeprovisionClient) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_CreateSensorJobCallbackSet(DAXO_Client* client,
+                                                       DAXO_OnCreateSensorJob OnCreateSensorJob) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
+                                                       DAXO_OnDeleteSensorJob OnDeleteSensorJob) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Connection
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_Disconnect asks the broker to close the main connection and stops
+ * its network thread; OnDisconnect then reports DAXO_Error_Success. A
+ * client that is not connected is left alone. Returns DAXO_Error_Success,
+ * DAXO_Error_InvalidArguments or DAXO_Error_NoThreadSupport. */
+DAXO_EXPORT DAXO_Error DAXO_Disconnect(DAXO_Client* client) DAXO_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DAXO_CLIENT_H */

@@ -1,0 +1,200 @@
+// The client's layout and the library's internal entry points. Functions
+// declared here keep C linkage and their names in the shared object so that
+// tests can reach them, but only the DAXO_ functions are the public interface.
+#ifndef DAXO_INTERNAL_H
+#define DAXO_INTERNAL_H
+
+#include <pthread.h>
+
+#include "daxo_client.h"
+#include "mosquitto_interface.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Internal hooks, shaped like DAXO_OnConnect.
+typedef void (*OnProvisionCallback)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
+typedef void (*OnCertificateRenewCallback)(DAXO_Client* client, void* callbackParameter,
+                                           DAXO_Error err);
+
+struct DAXO_ClientTag {
+  MosquittoInterface* mosq;           // main instance, made by DAXO_Connect
+  MosquittoInterface* mosqProvision;  // provisioning instance
+  char* clientId;                     // common name of the client certificate
+  char* mqttHost;
+  int mqttPort;
+  int mqttProvisionPort;
+  int mqttKeepAlive;
+  char* caFile;
+  char* certFolder;
+  char* clientName;
+  char* provisionDigest;  // hex SHA-256 of the pending request
+  char* provisionCert;    // PEM of the pending request
+  char* newKeyContent;    // PEM key of a pending renewal; wiped before release
+  int provisionCertLen;
+  int polling;               // main network thread running
+  int provisionLoopStarted;  // provisioning network thread running
+  void* callbackParameter;
+  int messageId;  // mid of the pending deprovisioning request, 0 when none
+
+  DAXO_OnLog OnLog;
+  DAXO_OnConnect OnConnect;
+  DAXO_OnDisconnect OnDisconnect;
+  DAXO_OnCreateSensor OnCreateSensor;
+  DAXO_OnCreateMetrics OnCreateMetrics;
+  DAXO_OnUpdateMetrics OnUpdateMetrics;
+  DAXO_OnDeprovisionClient OnDeprovisionClient;
+  DAXO_OnListSensors OnListSensors;
+  DAXO_OnDescribeMetric OnDescribeMetric;
+  DAXO_OnProvisionClient OnProvisionClient;
+  DAXO_OnModifySensor OnModifySensor;
+  DAXO_OnDeleteSensor OnDeleteSensor;
+  DAXO_OnPushMetricValues OnPushMetricValues;
+  DAXO_OnDeleteMetrics OnDeleteMetrics;
+  DAXO_OnCheckConnection OnCheckConnection;
+  DAXO_OnCreateSensorJob OnCreateSensorJob;
+  DAXO_OnDeleteSensorJob OnDeleteSensorJob;
+
+  OnProvisionCallback OnProvision;
+
+  pthread_t certCheckThread;
+  pthread_cond_t certCheckThreadCondition;
+  pthread_mutex_t certCheckThreadMutex;  // guards certCheckThreadStop
+  int certCheckThreadStarted;
+  int certCheckThreadStop;
+
+  OnCertificateRenewCallback OnCertificateRenew;
+  DAXO_OnConnect preserveUserDefinedOnConnectCallback;
+
+  CreateMosquittoClientFunction createMosquittoClientFunction;
+  DestroyMosquittoClientFunction destroyMosquittoClientFunction;
+};
+
+// Level positions of the topic tree; several paths share a position.
+enum TopicIndexTag {
+  TopicIndexApiVersion = 1,
+  TopicIndexCertBack = 1,
+  TopicIndexClientId = 2,
+  TopicIndexProvisionDigest = 2,
+  TopicIndexClientIdRenewCertificate = 3,
+  TopicIndexClientIdCheckExpireDate = 3,
+  TopicIndexClientIdPing = 3,
+  TopicIndexClientIdInventory = 3,
+  TopicIndexClientIdSensor = 3,
+  TopicIndexCertBackError = 3,
+  TopicIndexClientIdRenewCertificateInbox = 4,
+  TopicIndexClientIdCheckExpireDateInbox = 4,
+  TopicIndexClientIdPingError = 4,
+  TopicIndexClientIdPingInfo = 4,
+  TopicIndexClientIdInventoryInbox = 4,
+  TopicIndexClientIdInventoryError = 4,
+  TopicIndexSensorJob = 4,
+  TopicIndexSensorInbox = 4,
+  TopicIndexSensorError = 4,
+  TopicIndexSensorId = 4,
+  TopicIndexClientIdPingErrorInbox = 5,
+  TopicIndexClientIdPingInfoInbox = 5,
+  TopicIndexClientIdInventoryErrorInbox = 5,
+  TopicIndexSensorJobCreate = 5,
+  TopicIndexSensorErrorInbox = 5,
+  TopicIndexSensorIdJob = 5,
+  TopicIndexSensorIdUpdate = 5,
+  TopicIndexSensorIdDelete = 5,
+  TopicIndexSensorIdError = 5,
+  TopicIndexSensorIdInfo = 5,
+  TopicIndexSensorIdMetric = 5,
+  TopicIndexSensorIdJobDelete = 6,
+  TopicIndexSensorIdUpdateInfo = 6,
+  TopicIndexSensorIdUpdateError = 6,
+  TopicIndexSensorIdDeleteInfo = 6,
+  TopicIndexSensorIdDeleteError = 6,
+  TopicIndexSensorIdErrorInbox = 6,
+  TopicIndexSensorIdInfoInbox = 6,
+  TopicIndexMetricInbox = 6,
+  TopicIndexMetricError = 6,
+  TopicIndexMetricDelete = 6,
+  TopicIndexMetricUpdate = 6,
+  TopicIndexMetricId = 6,
+  TopicIndexSensorIdUpdateInfoInbox = 7,
+  TopicIndexSensorIdUpdateErrorInbox = 7,
+  TopicIndexSensorIdDeleteInfoInbox = 7,
+  TopicIndexSensorIdDeleteErrorInbox = 7,
+  TopicIndexMetricErrorInbox = 7,
+  TopicIndexMetricDeleteInfo = 7,
+  TopicIndexMetricDeleteError = 7,
+  TopicIndexMetricUpdateInfo = 7,
+  TopicIndexMetricUpdateError = 7,
+  TopicIndexMetricIdInventory = 7,
+  TopicIndexMetricDeleteInfoInbox = 8,
+  TopicIndexMetricDeleteErrorInbox = 8,
+  TopicIndexMetricUpdateInfoInbox = 8,
+  TopicIndexMetricUpdateErrorInbox = 8,
+  TopicIndexMetricIdInventoryInbox = 8,
+  TopicIndexMetricIdInventoryError = 8,
+  TopicIndexMetricIdInventoryErrorInbox = 9
+};
+
+// Client lifecycle.
+DAXO_EXPORT DAXO_Client* NewClientInternal(
+    const char* confFile, void* callbackParameter, DAXO_Error* err,
+    CreateMosquittoClientFunction createMosquittoClientFunction,
+    DestroyMosquittoClientFunction destroyMosquittoClientFunction) DAXO_NOEXCEPT;
+
+// Configuration.
+DAXO_EXPORT DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) DAXO_NOEXCEPT;
+DAXO_EXPORT char* GetFileContent(const char* fileName) DAXO_NOEXCEPT;
+
+// Result codes and agent error replies.
+DAXO_EXPORT DAXO_ApiError GetApiErrorCode(int err) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ConvertApiError(int err) DAXO_NOEXCEPT;
+DAXO_EXPORT int ParseErrorMessage(const char* message, int* err, char** errString) DAXO_NOEXCEPT;
+DAXO_EXPORT void LogParseErrorMessage(DAXO_Client* client, const char* topic,
+                                      const char* errMessage) DAXO_NOEXCEPT;
+
+// Logging.
+DAXO_EXPORT void LogMessage(DAXO_Client* client, const char* message) DAXO_NOEXCEPT;
+DAXO_EXPORT void LogCallback(struct mosquitto* mosq, void* obj, int level,
+                             const char* str) DAXO_NOEXCEPT;
+
+// Certificate watch thread.
+DAXO_EXPORT int StartCertificateCheckingThread(DAXO_Client* client) DAXO_NOEXCEPT;
+DAXO_EXPORT void StopCertificateCheckingThread(DAXO_Client* client) DAXO_NOEXCEPT;
+DAXO_EXPORT void* CertificateCheckingThread(void* param) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error CheckCertificatesExpirationDates(DAXO_Client* client) DAXO_NOEXCEPT;
+
+// Provisioning and the certificate store.
+DAXO_EXPORT void ProvisionDisconnect(DAXO_Client* client) DAXO_NOEXCEPT;
+DAXO_EXPORT void FreeProvisionData(DAXO_Client* client) DAXO_NOEXCEPT;
+DAXO_EXPORT int DeleteCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+
+namespace daxo {
+
+// The MQTT API version, level 1 of every topic of the client's tree.
+inline constexpr const char* kApiVersion = "v1.0";
+
+// A broker's CONNACK refusal code as the connect handlers report it.
+DAXO_Error ConnackToError(int connackCode) noexcept;
+
+// Formats a line and hands it to OnLog; nothing is formatted without OnLog,
+// and a line that cannot be formatted is dropped.
+void LogFormat(DAXO_Client* client, const char* fmt, ...) noexcept
+    __attribute__((format(printf, 2, 3)));
+
+// Wires the deprovisioning completion handler onto the main instance, or
+// removes it when no deprovision callback is set.
+void InstallPublishHandler(DAXO_Client* client) noexcept;
+
+// Everything DAXO_DeleteClient releases, on a non-null client.
+void DestroyClient(DAXO_Client* client) noexcept;
+
+// The body of DAXO_Disconnect after its guard clause.
+DAXO_Error DisconnectMain(DAXO_Client* client) noexcept;
+
+}  // namespace daxo
+#endif
+
+#endif
