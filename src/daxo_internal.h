@@ -148,6 +148,8 @@ DAXO_EXPORT char* GetFileContent(const char* fileName) DAXO_NOEXCEPT;
 // Result codes and agent error replies.
 DAXO_EXPORT DAXO_ApiError GetApiErrorCode(int err) DAXO_NOEXCEPT;
 DAXO_EXPORT DAXO_Error ConvertApiError(int err) DAXO_NOEXCEPT;
+// A broker's CONNACK refusal code as the connect handlers report it.
+DAXO_EXPORT DAXO_Error ConvertConnackCode(int connackCode) DAXO_NOEXCEPT;
 DAXO_EXPORT int ParseErrorMessage(const char* message, int* err, char** errString) DAXO_NOEXCEPT;
 DAXO_EXPORT void LogParseErrorMessage(DAXO_Client* client, const char* topic,
                                       const char* errMessage) DAXO_NOEXCEPT;
@@ -175,9 +177,6 @@ namespace daxo {
 
 // The MQTT API version, level 1 of every topic of the client's tree.
 inline constexpr const char* kApiVersion = "v1.0";
-
-// A broker's CONNACK refusal code as the connect handlers report it.
-DAXO_Error ConnackToError(int connackCode) noexcept;
 
 // Formats a line and hands it to OnLog; nothing is formatted without OnLog,
 // and a line that cannot be formatted is dropped.

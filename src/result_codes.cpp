@@ -26,9 +26,7 @@ extern "C" DAXO_Error ConvertApiError(int err) noexcept {
   }
 }
 
-namespace daxo {
-
-DAXO_Error ConnackToError(int connackCode) noexcept {
+extern "C" DAXO_Error ConvertConnackCode(int connackCode) noexcept {
   switch (connackCode) {
     case 1:
       return DAXO_Error_WrongProtocol;
@@ -40,8 +38,6 @@ DAXO_Error ConnackToError(int connackCode) noexcept {
       return DAXO_Error_Unknown;
   }
 }
-
-}  // namespace daxo
 
 namespace {
 
