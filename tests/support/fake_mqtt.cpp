@@ -69,7 +69,7 @@ struct FakeMqttTrampolines {
     auto& f = Of(mi);
     if (f.publishResult) return *f.publishResult;
     // The checks libmosquitto makes before queueing a message.
-    if (topic == nullptr || qos < 0 || qos > 2 || len < 0 || (len > 0 && payload == nullptr))
+    if (topic == nullptr || topic[0] == '\0' || qos < 0 || qos > 2 || len < 0 || (len > 0 && payload == nullptr))
       return MOSQ_ERR_INVAL;
     if (mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS) return MOSQ_ERR_INVAL;
     if (len > 268435455) return MOSQ_ERR_PAYLOAD_SIZE;

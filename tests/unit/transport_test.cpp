@@ -69,3 +69,32 @@ TEST_F(TransportTest, FactoryReportsTheReasonOfARefusedHandle) {
 }
 
 }  // namespace
+
+#include "fake_mqtt.h"
+
+namespace {
+
+TEST_F(TransportTest, FakeRefusesTheTopicsLibmosquittoRefuses) {
+  MosquittoInterface* real = CreateMosquittoClient(nullptr, "conformance", 1, nullptr);
+  MosquittoInterface* fake = FakeMqtt::Create(nullptr, "conformance", 1, nullptr);
+  ASSERT_NE(real, nullptr);
+  ASSERT_NE(fake, nullptr);
+  const char* topics[] = {"/v1.0/c/sensor/create", "a/b", "", "a/+", "#", "a/#/b", "a/b+",
+                          "/v1.0/c/sensor/s#/update", "a//b"};
+  for (const char* topic : topics) {
+    SCOPED_TRACE(topic);
+    int realRc = real->mosquittoPublishFunction(real, nullptr, topic, 2, "{}", 2, 0);
+    int fakeRc = fake->mosquittoPublishFunction(fake, nullptr, topic, 2, "{}", 2, 0);
+    EXPECT_EQ(realRc == MOSQ_ERR_INVAL, fakeRc == MOSQ_ERR_INVAL);
+    for (const char* filter : {topic, "/v1.0/c/#", "a/#/b", "a/b+"}) {
+      bool realOk = mosquitto_sub_topic_check(filter) == MOSQ_ERR_SUCCESS;
+      int fakeRc2 = fake->mosquittoSubscribeFunction(fake, nullptr, filter, 2);
+      EXPECT_EQ(realOk, fakeRc2 != MOSQ_ERR_INVAL) << filter;
+    }
+  }
+  DestroyMosquittoClient(real);
+  FakeMqtt::Destroy(fake);
+  FakeMqtt::Reset();
+}
+
+}  // namespace
