@@ -50,6 +50,7 @@ class TopicLevels {
     return mosquitto_sub_topic_tokenise(topic, &levels_, &count_) == MOSQ_ERR_SUCCESS;
   }
   int Count() const noexcept { return count_; }
+  char** Levels() const noexcept { return levels_; }
   // A missing or empty level (level 0 of "/a/b") is null.
   const char* operator[](int i) const noexcept {
     return i >= 0 && i < count_ ? levels_[i] : nullptr;

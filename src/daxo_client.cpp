@@ -44,6 +44,13 @@ const char* DAXO_GetClientId(DAXO_Client* client) noexcept {
   return client != nullptr ? client->clientId : nullptr;
 }
 
+DAXO_Error DAXO_Connect(DAXO_Client* client) noexcept { return ConnectInternal(client, nullptr); }
+
+DAXO_Error DAXO_CheckConnection(DAXO_Client* client) noexcept {
+  if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+  return daxo::CheckConnection(client);
+}
+
 DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   return daxo::DisconnectMain(client);

@@ -324,6 +324,25 @@ DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
  * Connection
  * ---------------------------------------------------------------------- */
 
+/* DAXO_Connect connects a provisioned client to the agent's broker with
+ * mutual TLS (CaFile, and "cert.crt" and "priv_key.key" in CertFolder) and
+ * starts the connection's network thread. It returns once the attempt has
+ * started; OnConnect reports DAXO_Error_Success when the client's topics are
+ * subscribed, and again after every automatic reconnection (one attempt a
+ * second after a loss). A previous connection of the client is closed and
+ * released first. Returns DAXO_Error_InvalidArguments for a null or
+ * unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed,
+ * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
+ * DAXO_Error_Unknown or DAXO_Error_Success. */
+DAXO_EXPORT DAXO_Error DAXO_Connect(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* DAXO_CheckConnection asks the agent to confirm the connection; the answer
+ * arrives through OnCheckConnection. Returns DAXO_Error_InvalidArguments
+ * for a null or unprovisioned client, DAXO_Error_NoConnectionToServer
+ * before DAXO_Connect or while the broker is unreachable, or the result of
+ * handing the message to the transport. */
+DAXO_EXPORT DAXO_Error DAXO_CheckConnection(DAXO_Client* client) DAXO_NOEXCEPT;
+
 /* DAXO_Disconnect asks the broker to close the main connection and stops
  * its network thread; OnDisconnect then reports DAXO_Error_Success. A
  * client that is not connected is left alone. Returns DAXO_Error_Success,

@@ -141,6 +141,22 @@ DAXO_EXPORT DAXO_Client* NewClientInternal(
     CreateMosquittoClientFunction createMosquittoClientFunction,
     DestroyMosquittoClientFunction destroyMosquittoClientFunction) DAXO_NOEXCEPT;
 
+// Connection and sending.
+DAXO_EXPORT DAXO_Error ConnectInternal(DAXO_Client* client,
+                                       MosquittoInterface* mosquitto) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
+                                          const char* message, int message_len,
+                                          int* messageId) DAXO_NOEXCEPT;
+
+// Inbound dispatch.
+DAXO_EXPORT void MessageCallback(struct mosquitto* mosq, void* obj,
+                                 const struct mosquitto_message* message) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DispatchResponse(DAXO_Client* client, const char* topic,
+                                        const char* message) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ProcessClientCommands(DAXO_Client* client, char** topics,
+                                             const int topicCount, const char* message,
+                                             const char* topic) DAXO_NOEXCEPT;
+
 // Configuration.
 DAXO_EXPORT DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) DAXO_NOEXCEPT;
 DAXO_EXPORT char* GetFileContent(const char* fileName) DAXO_NOEXCEPT;
@@ -186,6 +202,20 @@ void LogFormat(DAXO_Client* client, const char* fmt, ...) noexcept
 // Wires the deprovisioning completion handler onto the main instance, or
 // removes it when no deprovision callback is set.
 void InstallPublishHandler(DAXO_Client* client) noexcept;
+
+// Transport results as the library reports them.
+DAXO_Error ConnectResultToError(int rc) noexcept;
+DAXO_Error LoopStartResultToError(int rc) noexcept;
+DAXO_Error PublishResultToError(int rc) noexcept;
+DAXO_Error SubscribeResultToError(int rc) noexcept;
+
+// Publishes at QoS 2 without retain on instance mi (none: no connection);
+// messages on the main instance are logged.
+DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* topic,
+                     const char* message, int length, int* messageId) noexcept;
+
+// The body of DAXO_CheckConnection after its guard clauses.
+DAXO_Error CheckConnection(DAXO_Client* client) noexcept;
 
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;

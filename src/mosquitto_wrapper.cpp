@@ -93,6 +93,9 @@ MosquittoInterface* CreateMosquittoClient(MosquittoInterface* mosqInterface, con
       free(mi);  // errno still holds mosquitto_new's reason: free leaves it alone
       return nullptr;
     }
+    // A request and its reply are single small packets: without this, each
+    // waits on Nagle's algorithm for the peer's delayed acknowledgement.
+    mosquitto_int_option(Handle(mi), MOSQ_OPT_TCP_NODELAY, 1);
   }
   *mi = MosquittoInterface{
       MosquittoLoopStart,          MosquittoLoopStop,

@@ -39,6 +39,64 @@ extern "C" DAXO_Error ConvertConnackCode(int connackCode) noexcept {
   }
 }
 
+namespace daxo {
+
+DAXO_Error ConnectResultToError(int rc) noexcept {
+  switch (rc) {
+    case MOSQ_ERR_SUCCESS:
+      return DAXO_Error_Success;
+    case MOSQ_ERR_INVAL:
+      return DAXO_Error_InvalidArguments;
+    case MOSQ_ERR_TLS:
+      return DAXO_Error_TlsConnection;
+    case MOSQ_ERR_ERRNO:
+      return DAXO_Error_Errno;
+    default:
+      return DAXO_Error_Unknown;
+  }
+}
+
+DAXO_Error LoopStartResultToError(int rc) noexcept {
+  switch (rc) {
+    case MOSQ_ERR_SUCCESS:
+      return DAXO_Error_Success;
+    case MOSQ_ERR_INVAL:
+      return DAXO_Error_InvalidArguments;
+    case MOSQ_ERR_NOT_SUPPORTED:
+      return DAXO_Error_NoThreadSupport;
+    default:
+      return DAXO_Error_Unknown;
+  }
+}
+
+DAXO_Error PublishResultToError(int rc) noexcept {
+  switch (rc) {
+    case MOSQ_ERR_PROTOCOL:
+      return DAXO_Error_WrongProtocol;
+    case MOSQ_ERR_PAYLOAD_SIZE:
+      return DAXO_Error_PayloadSize;
+    default:
+      return SubscribeResultToError(rc);
+  }
+}
+
+DAXO_Error SubscribeResultToError(int rc) noexcept {
+  switch (rc) {
+    case MOSQ_ERR_SUCCESS:
+      return DAXO_Error_Success;
+    case MOSQ_ERR_NOMEM:
+      return DAXO_Error_NoMemory;
+    case MOSQ_ERR_INVAL:
+      return DAXO_Error_InvalidArguments;
+    case MOSQ_ERR_NO_CONN:
+      return DAXO_Error_NoConnectionToServer;
+    default:
+      return DAXO_Error_Unknown;
+  }
+}
+
+}  // namespace daxo
+
 namespace {
 
 bool ReadCode(json_object* reply, int* err) noexcept {

@@ -12,6 +12,7 @@ std::vector<std::unique_ptr<FakeMqtt>>& Owned() {
 }
 
 int nextCreateErrno = 0;
+std::function<void(FakeMqtt&)> onCreate;
 
 FakeMqtt& Of(MosquittoInterface* mi) { return *static_cast<FakeMqtt*>(mi->mosq); }
 
@@ -115,6 +116,7 @@ MosquittoInterface* FakeMqtt::Create(MosquittoInterface* mosqInterface, const ch
   fake->id = id ? id : "";
   fake->cleanSession = cleanSession;
   fake->obj = callBackParam;
+  if (onCreate) onCreate(*fake);
   using T = FakeMqttTrampolines;
   *mi = MosquittoInterface{T::LoopStart,  T::LoopStop,      T::TlsSet,       T::TlsInsecureSet,
                            T::ConnectAsync, T::Disconnect,  T::Subscribe,    T::Publish,
@@ -142,9 +144,14 @@ FakeMqtt* FakeMqtt::Last() { return Owned().empty() ? nullptr : Owned().back().g
 void FakeMqtt::Reset() {
   Owned().clear();
   nextCreateErrno = 0;
+  onCreate = nullptr;
 }
 
 void FakeMqtt::FailNextCreate(int err) { nextCreateErrno = err; }
+
+void FakeMqtt::OnCreate(std::function<void(FakeMqtt&)> configure) {
+  onCreate = std::move(configure);
+}
 
 bool FakeMqtt::FireConnect(int rc) {
   if (!onConnect) return false;

@@ -5,6 +5,7 @@
 #ifndef DAXO_TEST_FAKE_MQTT_H
 #define DAXO_TEST_FAKE_MQTT_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -44,6 +45,9 @@ class FakeMqtt {
   static void Reset();
   // Makes the next Create fail with this errno.
   static void FailNextCreate(int err);
+  // Runs on every instance as it is created, so a test can set the results
+  // of calls the library makes before the test sees the instance.
+  static void OnCreate(std::function<void(FakeMqtt&)> configure);
 
   // The handle the library sees as its `obj` owner (a non-null stand-in).
   struct mosquitto* Handle() { return reinterpret_cast<struct mosquitto*>(this); }
