@@ -1,0 +1,47 @@
+#include "api.h"
+
+namespace daxo_agent {
+
+std::string ErrorBody(const ApiFault& fault) {
+  JsonPtr body(json_object_new_object());
+  json_object_object_add(body.get(), "errorcode", json_object_new_int(fault.code));
+  json_object_object_add(
+      body.get(), "errorMessage",
+      json_object_new_string_len(fault.message.data(), static_cast<int>(fault.message.size())));
+  return json_object_to_json_string_ext(body.get(), JSON_C_TO_STRING_PLAIN);
+}
+
+JsonPtr ParseObject(std::string_view payload, ApiFault& fault) {
+  // The copy supplies the NUL that lets json-c finish a bare number at the end.
+  std::string text(payload);
+  std::unique_ptr<json_tokener, CFree<json_tokener_free>> tokener(json_tokener_new());
+  JsonPtr value(
+      json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size()) + 1));
+  std::size_t end = json_tokener_get_parse_end(tokener.get());
+  bool complete = value != nullptr && text.find_first_not_of(" \t\r\n", end) == std::string::npos;
+  if (!complete) {
+    fault = {kInvalidJson, "payload is not valid JSON"};
+    return nullptr;
+  }
+  if (!json_object_is_type(value.get(), json_type_object)) {
+    fault = {kJsonIsNotAnObject, "payload is not a JSON object"};
+    return nullptr;
+  }
+  return value;
+}
+
+std::optional<std::string> StringMember(json_object* object, const char* key, ApiFault& fault) {
+  json_object* member = nullptr;
+  if (!json_object_object_get_ex(object, key, &member)) {
+    fault = {kMissingParameter, std::string("missing parameter \"") + key + "\""};
+    return std::nullopt;
+  }
+  if (!json_object_is_type(member, json_type_string)) {
+    fault = {kParameterIsNotAString, std::string("parameter \"") + key + "\" is not a string"};
+    return std::nullopt;
+  }
+  return std::string(json_object_get_string(member),
+                     static_cast<std::size_t>(json_object_get_string_len(member)));
+}
+
+}  // namespace daxo_agent

@@ -1,0 +1,44 @@
+// The agent's side of the request vocabulary: the error numbers it puts in
+// "errorcode", and the reading of JSON request bodies.
+#ifndef DAXO_AGENT_API_H
+#define DAXO_AGENT_API_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "openssl_handles.h"
+
+namespace daxo_agent {
+
+// The numbers are part of the protocol: clients compare them.
+enum ApiError : int {
+  kInternalError = 3,
+  kInvalidJson = 4,
+  kJsonIsNotAnObject = 5,
+  kMissingParameter = 6,
+  kParameterIsNotAString = 7,
+  kCertificateFormatError = 20,
+  kCertificateIsEmpty = 21,
+  kCertificateWithoutCommonName = 22,
+  kInvalidClientName = 25,
+};
+
+struct ApiFault {
+  int code;
+  std::string message;
+};
+
+// The body of an error reply: {"errorcode": N, "errorMessage": "..."}.
+std::string ErrorBody(const ApiFault& fault);
+
+// Parses a request body, which arrives without a terminating NUL, into a
+// JSON object; trailing bytes after the value make it invalid.
+JsonPtr ParseObject(std::string_view payload, ApiFault& fault);
+
+// The text of a required string member.
+std::optional<std::string> StringMember(json_object* object, const char* key, ApiFault& fault);
+
+}  // namespace daxo_agent
+
+#endif

@@ -1,0 +1,82 @@
+// daxo-agent: the development agent that applications talk to through
+// libdaxoclient while no device agent is at hand.
+#include <mosquitto.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "agent.h"
+#include "certificate_authority.h"
+#include "connection_check.h"
+#include "log.h"
+#include "options.h"
+#include "provisioning.h"
+#include "store.h"
+
+namespace {
+
+volatile std::sig_atomic_t gStop = 0;
+volatile std::sig_atomic_t gDump = 0;
+
+extern "C" void OnStopSignal(int) { gStop = 1; }
+extern "C" void OnDumpSignal(int) { gDump = 1; }
+
+void InstallSignalHandlers() {
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: a blocked network wait returns at once and sees the flag.
+  action.sa_handler = OnStopSignal;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  action.sa_handler = OnDumpSignal;
+  sigaction(SIGUSR1, &action, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+int Serve(const daxo_agent::Options& options) {
+  using namespace daxo_agent;
+  CertificateAuthority ca = CertificateAuthority::Open(options.stateDir);
+  Log("certificate authority " + ca.Subject());
+  Store store;
+  Provisioning provisioning(ca, store, std::chrono::days(options.certDays));
+  std::vector<Route> routes = provisioning.Routes();
+  for (Route& route : ConnectionCheckRoutes()) routes.push_back(std::move(route));
+  Agent agent(options.broker, std::move(routes));
+  agent.Run([&store] {
+    if (gDump != 0) {
+      gDump = 0;
+      Log("clients " + store.ToJson());
+    }
+    return gStop == 0;
+  });
+  Log("stopped");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  daxo_agent::Options options;
+  std::string error;
+  switch (daxo_agent::ParseOptions(argc, argv, options, error)) {
+    case daxo_agent::ParseResult::kHelp:
+      std::fputs(daxo_agent::Usage(), stdout);
+      return 0;
+    case daxo_agent::ParseResult::kError:
+      std::fprintf(stderr, "daxo-agent: %s (see --help)\n", error.c_str());
+      return 2;
+    case daxo_agent::ParseResult::kRun:
+      break;
+  }
+  InstallSignalHandlers();
+  mosquitto_lib_init();
+  int status = 1;
+  try {
+    status = Serve(options);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "daxo-agent: %s\n", e.what());
+  }
+  mosquitto_lib_cleanup();
+  return status;
+}

@@ -1,0 +1,112 @@
+#include "options.h"
+
+#include <charconv>
+#include <string_view>
+
+namespace daxo_agent {
+namespace {
+
+bool ParseNumber(const std::string& text, int min, int max, int& out) {
+  int value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (ec != std::errc() || end != text.data() + text.size() || value < min || value > max)
+    return false;
+  out = value;
+  return true;
+}
+
+struct OptionSetter {
+  std::string_view name;
+  bool (*set)(Options&, const std::string&);
+};
+
+constexpr OptionSetter kOptions[] = {
+    {"--host",
+     [](Options& o, const std::string& v) {
+       o.broker.host = v;
+       return !v.empty();
+     }},
+    {"--port",
+     [](Options& o, const std::string& v) { return ParseNumber(v, 1, 65535, o.broker.port); }},
+    {"--cafile",
+     [](Options& o, const std::string& v) {
+       o.broker.caFile = v;
+       return !v.empty();
+     }},
+    {"--cert",
+     [](Options& o, const std::string& v) {
+       o.broker.certFile = v;
+       return !v.empty();
+     }},
+    {"--key",
+     [](Options& o, const std::string& v) {
+       o.broker.keyFile = v;
+       return !v.empty();
+     }},
+    {"--keepalive",
+     [](Options& o, const std::string& v) { return ParseNumber(v, 5, 65535, o.broker.keepAlive); }},
+    {"--state",
+     [](Options& o, const std::string& v) {
+       o.stateDir = v;
+       return !v.empty();
+     }},
+    {"--cert-days",
+     [](Options& o, const std::string& v) { return ParseNumber(v, 1, 36500, o.certDays); }},
+};
+
+const OptionSetter* FindOption(std::string_view name) {
+  for (const OptionSetter& option : kOptions)
+    if (option.name == name) return &option;
+  return nullptr;
+}
+
+}  // namespace
+
+ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& error) {
+  for (int i = 1; i < argc; ++i) {
+    std::string_view name = argv[i];
+    if (name == "--help" || name == "-h") return ParseResult::kHelp;
+    const OptionSetter* option = FindOption(name);
+    if (option == nullptr) {
+      error = "unknown option " + std::string(name);
+      return ParseResult::kError;
+    }
+    if (i + 1 == argc || !option->set(options, argv[++i])) {
+      error = "missing or invalid value for " + std::string(name);
+      return ParseResult::kError;
+    }
+  }
+  if (options.broker.caFile.empty() || options.broker.certFile.empty() ||
+      options.broker.keyFile.empty()) {
+    error = "--cafile, --cert and --key are required";
+    return ParseResult::kError;
+  }
+  return ParseResult::kRun;
+}
+
+const char* Usage() {
+  return R"(Usage: daxo-agent --cafile FILE --cert FILE --key FILE [options]
+
+A development stand-in for the device's IoT agent. It issues client
+certificates from its own certificate authority and answers the requests
+that clients publish on the agent's MQTT broker.
+
+  --host HOST         broker host (default localhost)
+  --port PORT         broker port that requires client certificates (default 8883)
+  --cafile FILE       CA certificate that the broker's certificate chains to
+  --cert FILE         the agent's client certificate (its CN is its broker user)
+  --key FILE          the agent's private key
+  --keepalive SECONDS MQTT keep-alive (default 30)
+  --state DIR         folder of the agent's certificate authority, ca.crt and
+                      ca.key; both are created, in a folder of mode 0700, when
+                      absent (default ./daxo-agent-state)
+  --cert-days N       validity of issued client certificates (default 365)
+  --help              this text
+
+The agent logs one line per event on stdout and prints "daxo-agent: ready"
+once it serves. SIGINT and SIGTERM stop it; SIGUSR1 prints its registry of
+clients as JSON.
+)";
+}
+
+}  // namespace daxo_agent
