@@ -9,6 +9,7 @@
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +25,14 @@ struct CFree {
   }
 };
 
+// OPENSSL_free is a macro; this is its function form.
+inline void CryptoFree(void* p) noexcept { OPENSSL_free(p); }
+
+// A stack owns its extensions: releasing it releases them too.
+inline void FreeExtensionStack(STACK_OF(X509_EXTENSION)* stack) noexcept {
+  sk_X509_EXTENSION_pop_free(stack, X509_EXTENSION_free);
+}
+
 using JsonPtr = std::unique_ptr<json_object, CFree<json_object_put>>;
 using CStr = std::unique_ptr<char, CFree<free>>;  // malloc'd text
 using FilePtr = std::unique_ptr<FILE, CFree<fclose>>;
@@ -33,6 +42,12 @@ using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, CFree<EVP_PKEY_free>>;
 using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, CFree<EVP_PKEY_CTX_free>>;
 using BioPtr = std::unique_ptr<BIO, CFree<BIO_free_all>>;
 using BignumPtr = std::unique_ptr<BIGNUM, CFree<BN_clear_free>>;
+using X509AlgorPtr = std::unique_ptr<X509_ALGOR, CFree<X509_ALGOR_free>>;
+using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, CFree<EVP_MD_CTX_free>>;
+using Asn1BitStringPtr = std::unique_ptr<ASN1_BIT_STRING, CFree<ASN1_BIT_STRING_free>>;
+using CryptoBytes = std::unique_ptr<unsigned char, CFree<CryptoFree>>;  // OPENSSL_malloc'd
+using X509ExtensionPtr = std::unique_ptr<X509_EXTENSION, CFree<X509_EXTENSION_free>>;
+using X509ExtensionStackPtr = std::unique_ptr<STACK_OF(X509_EXTENSION), CFree<FreeExtensionStack>>;
 using MosquittoPtr = std::unique_ptr<mosquitto, CFree<mosquitto_destroy>>;
 
 // The levels of a topic as mosquitto_sub_topic_tokenise yields them.

@@ -1,7 +1,16 @@
 // The provisioning exchange and the certificate store.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "daxo_internal.h"
+#include "open_ssl_connector.h"
+#include "string_utils.h"
 
 extern "C" void ProvisionDisconnect(DAXO_Client* client) noexcept {
   if (client == nullptr || !client->provisionLoopStarted) return;
@@ -21,5 +30,266 @@ extern "C" void FreeProvisionData(DAXO_Client* client) noexcept {
   client->provisionCertLen = 0;
 }
 
-// Until the certificate store exists there is nothing on disk to remove.
-extern "C" int DeleteCertificates(DAXO_Client* client) noexcept { return client != nullptr; }
+namespace {
+
+using daxo::kCertFileName;
+using daxo::kKeyFileName;
+
+// Creates a missing folder (one level); an existing entry must be a directory.
+bool EnsureCertFolder(DAXO_Client* client) noexcept {
+  struct stat st;
+  if (stat(client->certFolder, &st) != 0) {
+    if (mkdir(client->certFolder, 0700) == 0) return true;
+    daxo::LogFormat(client, "WriteCertificateFile failed. mkdir, errno - %d", errno);
+    return false;
+  }
+  if (S_ISDIR(st.st_mode)) return true;
+  daxo::LogFormat(client, "WriteCertificateFile failed. There is a file with name \"%s\"",
+                  client->certFolder);
+  return false;
+}
+
+int WriteWholeFile(DAXO_Client* client, const char* path, const char* content,
+                   int contentLen) noexcept {
+  // O_CLOEXEC: the key's descriptor must not leak into a child the application forks.
+  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    daxo::LogFormat(client,
+                    "WriteCertificateFile failed. Could not open file \"%s\" for writing. errno %d",
+                    path, errno);
+    return 0;
+  }
+  ssize_t written = write(fd, content, static_cast<size_t>(contentLen));
+  int writeErrno = errno;
+  close(fd);
+  if (written < 0) {
+    daxo::LogFormat(client, "WriteCertificateFile failed. Could not write in file \"%s\", errno %d",
+                    path, writeErrno);
+    return 0;
+  }
+  return 1;
+}
+
+// 1 when certFolder/fileName exists; formatFailure is logged when the path
+// cannot be formed.
+int FolderFileExists(DAXO_Client* client, const char* fileName,
+                     const char* formatFailure) noexcept {
+  daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
+  if (path == nullptr) {
+    LogMessage(client, formatFailure);
+    return 0;
+  }
+  return access(path.get(), F_OK) == 0;
+}
+
+// 0 when certFolder/fileName is removed, the errno of a failed removal, or
+// -1 when the path cannot be formed (formatFailure is logged).
+int RemoveFolderFile(DAXO_Client* client, const char* fileName,
+                     const char* formatFailure) noexcept {
+  daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
+  if (path == nullptr) {
+    LogMessage(client, formatFailure);
+    return -1;
+  }
+  return remove(path.get()) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+extern "C" int WriteCertificateFile(DAXO_Client* client, const char* fileName, const char* content,
+                                    int contentLen) noexcept {
+  if (client == nullptr || client->certFolder == nullptr || fileName == nullptr ||
+      content == nullptr || contentLen <= 0)
+    return 0;
+  if (!EnsureCertFolder(client)) return 0;
+  daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
+  if (path == nullptr) return 0;
+  return WriteWholeFile(client, path.get(), content, contentLen);
+}
+
+extern "C" int CheckCertificates(DAXO_Client* client) noexcept {
+  if (client == nullptr || client->certFolder == nullptr || client->caFile == nullptr) return 0;
+  struct stat st;
+  if (stat(client->certFolder, &st) != 0) return 0;
+  if (access(client->caFile, F_OK) != 0) return 0;
+  return FolderFileExists(client, kKeyFileName,
+                          "CheckCertificates: Failed to create key file path") &&
+         FolderFileExists(client, kCertFileName,
+                          "CheckCertificates: Failed to create certificate file path");
+}
+
+// The key goes first: once it is gone the client counts as unprovisioned,
+// whether or not the certificate can be removed after it.
+extern "C" int DeleteCertificates(DAXO_Client* client) noexcept {
+  if (client == nullptr || client->certFolder == nullptr) return 0;
+  int rc =
+      RemoveFolderFile(client, kKeyFileName, "DeleteCertificates: Failed to create key file path");
+  if (rc != 0) return rc < 0 ? 0 : rc;
+  rc = RemoveFolderFile(client, kCertFileName,
+                        "DeleteCertificates: Failed to create certificate file path");
+  return rc < 0 ? 0 : rc;
+}
+
+namespace {
+
+using daxo::CStr;
+using daxo::Format;
+
+constexpr char kProvisioningClientId[] = "myid";
+constexpr char kOrganisation[] = "QuellborneGmbH";
+constexpr char kDefaultCommonName[] = "IOT-Client";
+constexpr char kRequestTopic[] = "/createConnector";
+constexpr char kReplyFilter[] = "/certBack/#";
+constexpr size_t kDigestSize = 65;
+
+void Deliver(DAXO_Client* client, DAXO_Error outcome) noexcept {
+  if (client->OnProvision != nullptr) client->OnProvision(client, client->callbackParameter, outcome);
+}
+
+// The request always travels on the provisioning instance: the main
+// listener confines a client to its own tree, where the agent does not
+// listen for requests.
+DAXO_Error SendRequest(DAXO_Client* client) noexcept {
+  return daxo::PublishOn(client, client->mosqProvision, kRequestTopic, client->provisionCert,
+                         client->provisionCertLen, nullptr);
+}
+
+void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
+  auto* client = static_cast<DAXO_Client*>(obj);
+  if (mosq == nullptr || client == nullptr) return;
+  if (result != 0) return Deliver(client, ConvertConnackCode(result));
+  // A reconnection after the exchange has ended has nothing to ask for.
+  if (client->provisionCert == nullptr) return;
+  MosquittoInterface* mi = client->mosqProvision;
+  int rc = mi->mosquittoSubscribeFunction(mi, nullptr, kReplyFilter, 2);
+  if (rc != MOSQ_ERR_SUCCESS) return Deliver(client, daxo::SubscribeResultToError(rc));
+  if (DAXO_Error err = SendRequest(client); err != DAXO_Error_Success) Deliver(client, err);
+}
+
+DAXO_Error StoreCertificate(DAXO_Client* client, const mosquitto_message* message) noexcept {
+  if (!WriteCertificateFile(client, daxo::kCertFileName, static_cast<const char*>(message->payload),
+                            message->payloadlen)) {
+    LogMessage(client, "ProcessCertBack: WriteCertificateFile failed");
+    return DAXO_Error_CreateCertificate;
+  }
+  CStr path = Format("%s/%s", client->certFolder, daxo::kCertFileName);
+  if (!path) {
+    LogMessage(client, "ProcessCertBack: Failed to create certificate folder path");
+    return DAXO_Error_CertifcateFolderPath;
+  }
+  daxo::Reset(&client->clientId, nullptr);
+  if (const char* failure = ReadCertificateCN(path.get(), &client->clientId)) {
+    daxo::LogFormat(client, "ProcessCertBack: ReadCertificateCN failed (%s)", failure);
+    return DAXO_Error_ReadCertificateCN;
+  }
+  return DAXO_Error_Success;
+}
+
+// True when levels name the reply topic of this client's pending request.
+bool IsOurReply(DAXO_Client* client, const daxo::TopicLevels& levels) noexcept {
+  const char* digest = levels[TopicIndexProvisionDigest];
+  return levels.Count() > TopicIndexProvisionDigest && levels[TopicIndexCertBack] != nullptr &&
+         strcmp(levels[TopicIndexCertBack], "certBack") == 0 && digest != nullptr &&
+         client->provisionDigest != nullptr && strcmp(digest, client->provisionDigest) == 0;
+}
+
+void ProvisionMessageCallback(struct mosquitto* mosq, void* obj,
+                              const struct mosquitto_message* message) noexcept {
+  auto* client = static_cast<DAXO_Client*>(obj);
+  if (client == nullptr || message == nullptr || mosq == nullptr || message->payload == nullptr ||
+      message->payloadlen == 0 || message->topic == nullptr)
+    return;
+  daxo::TopicLevels levels;
+  if (!levels.Tokenise(message->topic))
+    return LogMessage(client, "ProvisionMessageCallback: topic tokenise failed");
+  if (IsOurReply(client, levels)) {
+    if (levels.Count() == TopicIndexProvisionDigest + 1) return ProcessCertBack(client, message);
+    const char* last = levels[TopicIndexCertBackError];
+    if (levels.Count() == TopicIndexCertBackError + 1 && last != nullptr &&
+        strcmp(last, "error") == 0)
+      return ProcessCertBackError(client, message);
+  }
+  daxo::LogFormat(client, "ProvisionMessageCallback: Recieved message on unsupported topic: [%s]",
+                  message->topic);
+}
+
+// Makes the key and request of a new exchange and stores the key; on
+// success the client holds the request and its digest.
+DAXO_Error PrepareRequest(DAXO_Client* client) noexcept {
+  const char* name = client->clientName != nullptr ? client->clientName : kDefaultCommonName;
+  char* request = nullptr;
+  long requestLen = 0;
+  char* keyText = nullptr;
+  const char* failure = CreateCSR(name, kOrganisation, &request, &requestLen, &keyText);
+  CStr requestOwner(request);
+  daxo::SecretStr key(keyText);
+  if (failure != nullptr) return DAXO_Error_CreateProvisionCertificate;
+  FreeProvisionData(client);
+  auto* digest = static_cast<char*>(malloc(kDigestSize));
+  if (digest == nullptr) return DAXO_Error_NoMemory;
+  sha256(request, digest);
+  client->provisionDigest = digest;
+  if (digest[0] == '\0') {  // libcrypto could not allocate for the digest
+    FreeProvisionData(client);
+    return DAXO_Error_NoMemory;
+  }
+  client->provisionCert = requestOwner.release();
+  client->provisionCertLen = static_cast<int>(requestLen);
+  if (!WriteCertificateFile(client, daxo::kKeyFileName, key.get(), static_cast<int>(strlen(key.get())))) {
+    FreeProvisionData(client);
+    return DAXO_Error_CreatePrivateKey;
+  }
+  return DAXO_Error_Success;
+}
+
+DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
+  // An instance left by a failed attempt is replaced, not leaked.
+  if (client->mosqProvision != nullptr) {
+    client->destroyMosquittoClientFunction(client->mosqProvision);
+    client->mosqProvision = nullptr;
+  }
+  errno = 0;
+  MosquittoInterface* mi =
+      client->createMosquittoClientFunction(mosquitto, kProvisioningClientId, 1, client);
+  if (mi == nullptr) return errno == ENOMEM ? DAXO_Error_NoMemory : DAXO_Error_InvalidArguments;
+  client->mosqProvision = mi;
+  mi->mosquittoReconnectDelaySetFunction(mi, 1, 1, 0);
+  mi->mosquittoConnectCallbackSetFunction(mi, ConnectCallback);
+  mi->mosquittMessageCallbackSetFunction(mi, ProvisionMessageCallback);
+  if (mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, nullptr, nullptr, nullptr) != 0)
+    return DAXO_Error_TlsSetFailed;
+  int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, client->mqttProvisionPort,
+                                             client->mqttKeepAlive);
+  if (rc != MOSQ_ERR_SUCCESS) return daxo::ConnectResultToError(rc);
+  rc = mi->mosquittoLoopStartFunction(mi);
+  if (rc != MOSQ_ERR_SUCCESS) return daxo::LoopStartResultToError(rc);
+  client->provisionLoopStarted = 1;
+  return DAXO_Error_Success;
+}
+
+}  // namespace
+
+extern "C" void ProcessCertBack(DAXO_Client* client, const struct mosquitto_message* message) noexcept {
+  FreeProvisionData(client);
+  Deliver(client, StoreCertificate(client, message));
+}
+
+extern "C" void ProcessCertBackError(DAXO_Client* client,
+                                     const struct mosquitto_message* message) noexcept {
+  LogMessage(client, "ProvisionMessageCallback: Failed to provision client");
+  FreeProvisionData(client);
+  int code = 0;
+  auto* payload = static_cast<const char*>(message->payload);
+  if (!ParseErrorMessage(payload, &code, nullptr))
+    return LogParseErrorMessage(client, message->topic, payload);
+  Deliver(client, ConvertApiError(code));
+}
+
+extern "C" DAXO_Error ProvisionClient(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
+  if (client == nullptr) return DAXO_Error_InvalidArguments;
+  if (DAXO_Error err = PrepareRequest(client); err != DAXO_Error_Success) return err;
+  if (client->provisionLoopStarted) return SendRequest(client);
+  DAXO_Error err = StartProvisioning(client, mosquitto);
+  if (err != DAXO_Error_Success) FreeProvisionData(client);
+  return err;
+}

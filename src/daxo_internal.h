@@ -182,8 +182,21 @@ DAXO_EXPORT void* CertificateCheckingThread(void* param) DAXO_NOEXCEPT;
 DAXO_EXPORT DAXO_Error CheckCertificatesExpirationDates(DAXO_Client* client) DAXO_NOEXCEPT;
 
 // Provisioning and the certificate store.
+DAXO_EXPORT DAXO_Error ProvisionClientInternal(DAXO_Client* client,
+                                               MosquittoInterface* mosquitto) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ProvisionClient(DAXO_Client* client,
+                                       MosquittoInterface* mosquitto) DAXO_NOEXCEPT;
+DAXO_EXPORT void ProvisionCallback(DAXO_Client* client, void* callbackParameter,
+                                   DAXO_Error err) DAXO_NOEXCEPT;
+DAXO_EXPORT void ProcessCertBack(DAXO_Client* client,
+                                 const struct mosquitto_message* message) DAXO_NOEXCEPT;
+DAXO_EXPORT void ProcessCertBackError(DAXO_Client* client,
+                                      const struct mosquitto_message* message) DAXO_NOEXCEPT;
 DAXO_EXPORT void ProvisionDisconnect(DAXO_Client* client) DAXO_NOEXCEPT;
 DAXO_EXPORT void FreeProvisionData(DAXO_Client* client) DAXO_NOEXCEPT;
+DAXO_EXPORT int WriteCertificateFile(DAXO_Client* client, const char* fileName,
+                                     const char* content, int contentLen) DAXO_NOEXCEPT;
+DAXO_EXPORT int CheckCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
 DAXO_EXPORT int DeleteCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
 
 #ifdef __cplusplus
@@ -193,6 +206,10 @@ namespace daxo {
 
 // The MQTT API version, level 1 of every topic of the client's tree.
 inline constexpr const char* kApiVersion = "v1.0";
+
+// The client's identity in its certificate folder.
+inline constexpr const char* kCertFileName = "cert.crt";
+inline constexpr const char* kKeyFileName = "priv_key.key";
 
 // Formats a line and hands it to OnLog; nothing is formatted without OnLog,
 // and a line that cannot be formatted is dropped.
@@ -213,6 +230,9 @@ DAXO_Error SubscribeResultToError(int rc) noexcept;
 // messages on the main instance are logged.
 DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* topic,
                      const char* message, int length, int* messageId) noexcept;
+
+// The body of DAXO_DeprovisionClient after its guard clauses.
+DAXO_Error Deprovision(DAXO_Client* client) noexcept;
 
 // The body of DAXO_CheckConnection after its guard clauses.
 DAXO_Error CheckConnection(DAXO_Client* client) noexcept;
