@@ -90,8 +90,8 @@ void InstallHandlers(DAXO_Client* client, MosquittoInterface* mi) noexcept {
 }
 
 DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
-  CStr cert = Format("%s/%s", client->certFolder, "cert.crt");
-  CStr key = Format("%s/%s", client->certFolder, "priv_key.key");
+  CStr cert = Format("%s/%s", client->certFolder, daxo::kCertFileName);
+  CStr key = Format("%s/%s", client->certFolder, daxo::kKeyFileName);
   if (!cert || !key) return DAXO_Error_NoMemory;
   int rc = mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, cert.get(), key.get(), nullptr);
   return rc == MOSQ_ERR_SUCCESS ? DAXO_Error_Success : DAXO_Error_TlsSetFailed;

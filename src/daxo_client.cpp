@@ -51,6 +51,15 @@ DAXO_Error DAXO_CheckConnection(DAXO_Client* client) noexcept {
   return daxo::CheckConnection(client);
 }
 
+DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) noexcept {
+  return ProvisionClientInternal(client, nullptr);
+}
+
+DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) noexcept {
+  if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+  return daxo::Deprovision(client);
+}
+
 DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   return daxo::DisconnectMain(client);

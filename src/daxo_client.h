@@ -321,6 +321,39 @@ DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
                                                        DAXO_OnDeleteSensorJob OnDeleteSensorJob) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
+ * Provisioning
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_ProvisionClient gives the client its identity. When CertFolder
+ * already holds "cert.crt" and "priv_key.key" (and CaFile exists), it reads
+ * the identifier from the certificate, calls OnProvisionClient with
+ * DAXO_Error_AlreadyProvisioned on the caller's thread and returns that
+ * code. Otherwise it writes a new RSA key to "priv_key.key" (the folder is
+ * created with mode 0700), sends a certificate request to the agent over
+ * the provisioning port and returns DAXO_Error_Success: the outcome arrives
+ * later through OnProvisionClient, on the provisioning connection's network
+ * thread, and on success DAXO_GetClientId names the client. Calling it
+ * again while a request is pending replaces that request.
+ *
+ * Other results: DAXO_Error_InvalidArguments, DAXO_Error_NoMemory,
+ * DAXO_Error_GetClientId, DAXO_Error_CreateProvisionCertificate,
+ * DAXO_Error_CreatePrivateKey, DAXO_Error_TlsSetFailed,
+ * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
+ * DAXO_Error_Unknown. Outcomes: DAXO_Error_Success, the broker's refusal,
+ * DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
+ * DAXO_Error_ReadCertificateCN, DAXO_Error_NoBackendConnection,
+ * DAXO_Error_CertificateRequest, DAXO_Error_Unknown. */
+DAXO_EXPORT DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* DAXO_DeprovisionClient asks the agent to forget the client. Once the
+ * broker has acknowledged the request, the library stops the watch thread,
+ * deletes "priv_key.key" and "cert.crt" and calls OnDeprovisionClient; this
+ * completion needs a deprovision callback to be set. Returns
+ * DAXO_Error_InvalidArguments for a null or unprovisioned client, or the
+ * result of handing the request to the transport. */
+DAXO_EXPORT DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
  * Connection
  * ---------------------------------------------------------------------- */
 

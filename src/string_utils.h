@@ -28,6 +28,9 @@ void Reset(char** slot, char* value) noexcept;
 // Overwrites secret text (key material) before releasing it; accepts null.
 void FreeSecret(char* secret) noexcept;
 
+// Owned key text, wiped when released.
+using SecretStr = std::unique_ptr<char, CFree<FreeSecret>>;
+
 }  // namespace daxo
 
 #endif

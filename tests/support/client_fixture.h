@@ -13,7 +13,7 @@
 #include "temp_dir.h"
 
 class FakeClientTest : public ::testing::Test {
- protected:
+ public:
   static constexpr const char* kClientId = "client-1";
 
   // One recorded callback: its name and the arguments that matter.

@@ -1,0 +1,49 @@
+// Provisioning as the application asks for it: a client already provisioned
+// on disk only learns its identifier; any other starts the exchange with the
+// agent. Deprovisioning sends the request whose acknowledgement completes it.
+#include "daxo_internal.h"
+#include "open_ssl_connector.h"
+#include "string_utils.h"
+
+namespace {
+
+// The identifier is the common name of the stored certificate.
+DAXO_Error ReadIdentity(DAXO_Client* client) noexcept {
+  daxo::CStr path = daxo::Format("%s/%s", client->certFolder, daxo::kCertFileName);
+  if (!path) return DAXO_Error_NoMemory;
+  daxo::Reset(&client->clientId, nullptr);
+  if (ReadCertificateCN(path.get(), &client->clientId) != nullptr) return DAXO_Error_GetClientId;
+  return DAXO_Error_Success;
+}
+
+}  // namespace
+
+extern "C" void ProvisionCallback(DAXO_Client* client, void* callbackParameter,
+                                  DAXO_Error err) noexcept {
+  if (client != nullptr && client->OnProvisionClient != nullptr)
+    client->OnProvisionClient(client, callbackParameter, err);
+}
+
+extern "C" DAXO_Error ProvisionClientInternal(DAXO_Client* client,
+                                              MosquittoInterface* mosquitto) noexcept {
+  if (client == nullptr) return DAXO_Error_InvalidArguments;
+  StartCertificateCheckingThread(client);  // after a deprovisioning; failure is not fatal here
+  if (!CheckCertificates(client)) {
+    client->OnProvision = ProvisionCallback;
+    return ProvisionClient(client, mosquitto);
+  }
+  if (DAXO_Error err = ReadIdentity(client); err != DAXO_Error_Success) return err;
+  if (client->OnProvisionClient != nullptr)
+    client->OnProvisionClient(client, client->callbackParameter, DAXO_Error_AlreadyProvisioned);
+  return DAXO_Error_AlreadyProvisioned;
+}
+
+namespace daxo {
+
+DAXO_Error Deprovision(DAXO_Client* client) noexcept {
+  CStr topic = Format("/%s/%s/delete", kApiVersion, client->clientId);
+  if (!topic) return DAXO_Error_NoMemory;
+  return SendMessageToAgent(client, topic.get(), "{}", 2, &client->messageId);
+}
+
+}  // namespace daxo
