@@ -8,20 +8,21 @@ namespace {
 
 constexpr time_t kCheckPeriodSeconds = 86400;
 
-// Waits until the next pass is due; false once the thread is told to stop.
-bool WaitForNextPass(DAXO_Client* client) noexcept {
-  timespec deadline{time(nullptr) + kCheckPeriodSeconds, 0};
-  pthread_mutex_lock(&client->certCheckThreadMutex);
-  // The stop flag is read under the mutex before waiting, so a stop
-  // requested before this point is never missed.
-  bool run = client->certCheckThreadStop == 0;
-  if (run) {
-    pthread_cond_timedwait(&client->certCheckThreadCondition, &client->certCheckThreadMutex,
-                           &deadline);
-    run = client->certCheckThreadStop == 0;
+// Waits until the daily pass is due or, while a connection is looked after,
+// for a second; false once the thread is told to stop.
+bool Wait(DAXO_Client* client, time_t passDue) noexcept {
+  timespec deadline{passDue, 0};
+  daxo::MutexLock lock(&client->certCheckThreadMutex);
+  // The flags are read under the mutex before waiting, so a stop or a new
+  // connection announced before this point is never missed.
+  if (client->certCheckThreadStop) return false;
+  if (daxo::NeedsSupervision(client)) {
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += 1;
   }
-  pthread_mutex_unlock(&client->certCheckThreadMutex);
-  return run;
+  pthread_cond_timedwait(&client->certCheckThreadCondition, &client->certCheckThreadMutex,
+                         &deadline);
+  return client->certCheckThreadStop == 0;
 }
 
 }  // namespace
@@ -29,8 +30,14 @@ bool WaitForNextPass(DAXO_Client* client) noexcept {
 extern "C" void* CertificateCheckingThread(void* param) noexcept {
   auto* client = static_cast<DAXO_Client*>(param);
   if (client == nullptr) return reinterpret_cast<void*>(1);
-  // Any wake-up that is not a stop runs a pass, spurious ones included.
-  while (WaitForNextPass(client)) CheckCertificatesExpirationDates(client);
+  time_t passDue = time(nullptr) + kCheckPeriodSeconds;
+  while (Wait(client, passDue)) {
+    if (time(nullptr) >= passDue) {
+      CheckCertificatesExpirationDates(client);
+      passDue = time(nullptr) + kCheckPeriodSeconds;
+    }
+    daxo::SuperviseConnections(client);
+  }
   return nullptr;
 }
 

@@ -18,6 +18,7 @@ extern "C" DAXO_Client* NewClientInternal(
     *err = DAXO_Error_NoMemory;
     return nullptr;
   }
+  pthread_mutex_init(&client->connectionMutex, nullptr);
   *err = LoadConfig(client, confFile);
   if (*err != DAXO_Error_Success) {
     DAXO_DeleteClient(client);
@@ -50,6 +51,7 @@ void DestroyClient(DAXO_Client* client) noexcept {
                      client->clientName, client->provisionDigest, client->provisionCert})
     free(text);
   FreeSecret(client->newKeyContent);
+  pthread_mutex_destroy(&client->connectionMutex);
   free(client);
 }
 

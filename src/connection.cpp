@@ -27,6 +27,7 @@ void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
       client->OnConnect(client, client->callbackParameter, ConvertConnackCode(result));
     return;
   }
+  daxo::WatchConnected(client->mainWatch);
   CStr filter = Format("/%s/%s/#", daxo::kApiVersion, client->clientId);
   if (!filter) {
     if (client->OnConnect != nullptr)
@@ -47,7 +48,9 @@ void SubscribeCallback(struct mosquitto* /*mosq*/, void* obj, int /*mid*/, int /
 
 void DisconnectCallback(struct mosquitto* /*mosq*/, void* obj, int result) noexcept {
   auto* client = static_cast<DAXO_Client*>(obj);
-  if (client == nullptr || client->OnDisconnect == nullptr) return;
+  if (client == nullptr) return;
+  daxo::WatchLost(client->mainWatch, result != 0);
+  if (client->OnDisconnect == nullptr) return;
   client->OnDisconnect(client, client->callbackParameter,
                        result == 0 ? DAXO_Error_Success : DAXO_Error_UnexpectedDisconnect);
 }
@@ -100,19 +103,18 @@ DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
 DAXO_Error StartMain(DAXO_Client* client, MosquittoInterface* mi) noexcept {
   daxo::LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
                   client->mqttPort, client->mqttKeepAlive);
+  daxo::WatchAttempt(client->mainWatch);
+  daxo::Store(client->mainWatch.lossReported, 0);
   int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, client->mqttPort,
                                              client->mqttKeepAlive);
   if (rc != MOSQ_ERR_SUCCESS) return daxo::ConnectResultToError(rc);
   rc = mi->mosquittoLoopStartFunction(mi);
   if (rc != MOSQ_ERR_SUCCESS) return daxo::LoopStartResultToError(rc);
-  client->polling = 1;
+  daxo::Store(client->polling, 1);
   return DAXO_Error_Success;
 }
 
-}  // namespace
-
-extern "C" DAXO_Error ConnectInternal(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
-  if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+DAXO_Error Connect(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   ReleaseProvisioning(client);
   ReleaseMain(client);
   errno = 0;
@@ -123,6 +125,19 @@ extern "C" DAXO_Error ConnectInternal(DAXO_Client* client, MosquittoInterface* m
   InstallHandlers(client, mi);
   if (DAXO_Error err = SetClientTls(client, mi); err != DAXO_Error_Success) return err;
   return StartMain(client, mi);
+}
+
+}  // namespace
+
+extern "C" DAXO_Error ConnectInternal(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
+  if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+  DAXO_Error err;
+  {
+    daxo::MutexLock lock(&client->connectionMutex);
+    err = Connect(client, mosquitto);
+  }
+  daxo::WakeWatchThread(client);
+  return err;
 }
 
 extern "C" DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
@@ -157,11 +172,16 @@ void InstallPublishHandler(DAXO_Client* client) noexcept {
       mi, client->OnDeprovisionClient != nullptr ? PublishCallback : nullptr);
 }
 
+DAXO_Error Disconnect(DAXO_Client* client) noexcept {
+  MutexLock lock(&client->connectionMutex);
+  return DisconnectMain(client);
+}
+
 DAXO_Error DisconnectMain(DAXO_Client* client) noexcept {
-  if (!client->polling) return DAXO_Error_Success;
+  if (!Load(client->polling)) return DAXO_Error_Success;
   MosquittoInterface* mi = client->mosq;
   int rc = mi->mosquittoDisconnectFunction(mi);
-  client->polling = 0;
+  Store(client->polling, 0);
   if (rc == MOSQ_ERR_INVAL) return DAXO_Error_InvalidArguments;
   if (rc == MOSQ_ERR_NOT_SUPPORTED) return DAXO_Error_NoThreadSupport;
   mi->mosquittoLoopStopFunction(mi, rc != MOSQ_ERR_SUCCESS);

@@ -13,10 +13,10 @@
 #include "string_utils.h"
 
 extern "C" void ProvisionDisconnect(DAXO_Client* client) noexcept {
-  if (client == nullptr || !client->provisionLoopStarted) return;
+  if (client == nullptr || !daxo::Load(client->provisionLoopStarted)) return;
   MosquittoInterface* mi = client->mosqProvision;
   int rc = mi->mosquittoDisconnectFunction(mi);
-  client->provisionLoopStarted = 0;
+  daxo::Store(client->provisionLoopStarted, 0);
   if (rc == MOSQ_ERR_INVAL || rc == MOSQ_ERR_NOT_SUPPORTED) return;
   mi->mosquittoLoopStopFunction(mi, rc != MOSQ_ERR_SUCCESS);
 }
@@ -158,6 +158,7 @@ void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
   auto* client = static_cast<DAXO_Client*>(obj);
   if (mosq == nullptr || client == nullptr) return;
   if (result != 0) return Deliver(client, ConvertConnackCode(result));
+  daxo::WatchConnected(client->provisionWatch);
   // A reconnection after the exchange has ended has nothing to ask for.
   if (client->provisionCert == nullptr) return;
   MosquittoInterface* mi = client->mosqProvision;
@@ -258,12 +259,13 @@ DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto)
   mi->mosquittMessageCallbackSetFunction(mi, ProvisionMessageCallback);
   if (mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, nullptr, nullptr, nullptr) != 0)
     return DAXO_Error_TlsSetFailed;
+  daxo::WatchAttempt(client->provisionWatch);
   int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, client->mqttProvisionPort,
                                              client->mqttKeepAlive);
   if (rc != MOSQ_ERR_SUCCESS) return daxo::ConnectResultToError(rc);
   rc = mi->mosquittoLoopStartFunction(mi);
   if (rc != MOSQ_ERR_SUCCESS) return daxo::LoopStartResultToError(rc);
-  client->provisionLoopStarted = 1;
+  daxo::Store(client->provisionLoopStarted, 1);
   return DAXO_Error_Success;
 }
 
@@ -288,7 +290,7 @@ extern "C" void ProcessCertBackError(DAXO_Client* client,
 extern "C" DAXO_Error ProvisionClient(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   if (DAXO_Error err = PrepareRequest(client); err != DAXO_Error_Success) return err;
-  if (client->provisionLoopStarted) return SendRequest(client);
+  if (daxo::Load(client->provisionLoopStarted)) return SendRequest(client);
   DAXO_Error err = StartProvisioning(client, mosquitto);
   if (err != DAXO_Error_Success) FreeProvisionData(client);
   return err;

@@ -62,7 +62,7 @@ DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) noexcept {
 
 DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
-  return daxo::DisconnectMain(client);
+  return daxo::Disconnect(client);
 }
 
 DAXO_Error DAXO_ProvisionClientCallbackSet(DAXO_Client* client,

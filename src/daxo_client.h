@@ -155,7 +155,9 @@ typedef void (*DAXO_OnLog)(DAXO_Client* client, const char* line, void* callback
 typedef void (*DAXO_OnConnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
 /* End of the connection: DAXO_Error_Success when the application asked for
- * it, DAXO_Error_UnexpectedDisconnect otherwise. Network thread. */
+ * it, DAXO_Error_UnexpectedDisconnect otherwise (once per outage). Runs on
+ * the network thread, or on the client's watch thread when a connection
+ * attempt never came up. */
 typedef void (*DAXO_OnDisconnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
 /* Reply to DAXO_CreateSensor: its name and the agent's new sensor id, or

@@ -18,6 +18,14 @@ typedef void (*OnProvisionCallback)(DAXO_Client* client, void* callbackParameter
 typedef void (*OnCertificateRenewCallback)(DAXO_Client* client, void* callbackParameter,
                                            DAXO_Error err);
 
+// How far an MQTT instance's connection has come. The watch thread reads it
+// to restart attempts that libmosquitto abandons without a callback.
+typedef struct ConnectionWatchTag {
+  int connected;     // a CONNACK was accepted since the last attempt or loss
+  int lossReported;  // OnDisconnect has told the application of this outage
+  long long sinceMs;  // monotonic time of the last attempt or loss
+} ConnectionWatch;
+
 struct DAXO_ClientTag {
   MosquittoInterface* mosq;           // main instance, made by DAXO_Connect
   MosquittoInterface* mosqProvision;  // provisioning instance
@@ -69,6 +77,12 @@ struct DAXO_ClientTag {
 
   CreateMosquittoClientFunction createMosquittoClientFunction;
   DestroyMosquittoClientFunction destroyMosquittoClientFunction;
+
+  // Serialises making, restarting and stopping the MQTT instances between
+  // the application's threads and the watch thread.
+  pthread_mutex_t connectionMutex;
+  ConnectionWatch mainWatch;
+  ConnectionWatch provisionWatch;
 };
 
 // Level positions of the topic tree; several paths share a position.
@@ -237,10 +251,39 @@ DAXO_Error Deprovision(DAXO_Client* client) noexcept;
 // The body of DAXO_CheckConnection after its guard clauses.
 DAXO_Error CheckConnection(DAXO_Client* client) noexcept;
 
+// Flags shared between threads without a lock are read and written whole.
+inline int Load(const int& flag) noexcept { return __atomic_load_n(&flag, __ATOMIC_ACQUIRE); }
+inline void Store(int& flag, int value) noexcept { __atomic_store_n(&flag, value, __ATOMIC_RELEASE); }
+
+class MutexLock {
+ public:
+  explicit MutexLock(pthread_mutex_t* mutex) noexcept : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+  ~MutexLock() { pthread_mutex_unlock(mutex_); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+// Connection supervision (connection_watch.cpp).
+void WatchAttempt(ConnectionWatch& watch) noexcept;  // an attempt starts now
+void WatchConnected(ConnectionWatch& watch) noexcept;
+void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
+// Restarts the attempts of the instances that make no progress; run by the
+// watch thread.
+void SuperviseConnections(DAXO_Client* client) noexcept;
+// True while an instance runs that the watch thread must look after.
+bool NeedsSupervision(const DAXO_Client* client) noexcept;
+// Makes the watch thread re-read what it has to do.
+void WakeWatchThread(DAXO_Client* client) noexcept;
+
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;
 
-// The body of DAXO_Disconnect after its guard clause.
+// The body of DAXO_Disconnect after its guard clause; DisconnectMain is the
+// same with connectionMutex already held.
+DAXO_Error Disconnect(DAXO_Client* client) noexcept;
 DAXO_Error DisconnectMain(DAXO_Client* client) noexcept;
 
 }  // namespace daxo

@@ -30,7 +30,13 @@ extern "C" DAXO_Error ProvisionClientInternal(DAXO_Client* client,
   StartCertificateCheckingThread(client);  // after a deprovisioning; failure is not fatal here
   if (!CheckCertificates(client)) {
     client->OnProvision = ProvisionCallback;
-    return ProvisionClient(client, mosquitto);
+    DAXO_Error err;
+    {
+      daxo::MutexLock lock(&client->connectionMutex);
+      err = ProvisionClient(client, mosquitto);
+    }
+    daxo::WakeWatchThread(client);
+    return err;
   }
   if (DAXO_Error err = ReadIdentity(client); err != DAXO_Error_Success) return err;
   if (client->OnProvisionClient != nullptr)

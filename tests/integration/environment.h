@@ -27,13 +27,13 @@ namespace daxo_test {
 // What a library configuration file holds; empty fields take the
 // environment's values.
 struct ClientConfig {
-  std::string certFolder;                 // required
-  std::optional<std::string> clientName;  // the "ClientName" line, when set
+  std::string certFolder{};                 // required
+  std::optional<std::string> clientName{};  // the "ClientName" line, when set
   int keepAlive = 30;
-  std::string host;
+  std::string host{};
   int port = 0;
   int provisionPort = 0;
-  std::string caFile;
+  std::string caFile{};
 };
 
 enum class BrokerIdentity {

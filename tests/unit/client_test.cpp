@@ -31,7 +31,7 @@ class ClientTest : public ::testing::Test {
   // Gives the client a main instance as a successful connect would.
   FakeMqtt& Connected() {
     client_->mosq = FakeMqtt::Create(nullptr, "id", 1, client_);
-    client_->polling = 1;
+    daxo::Store(client_->polling, 1);
     return *FakeMqtt::Last();
   }
 
@@ -162,7 +162,7 @@ TEST_F(ClientTest, DisconnectMapsTheTransportResult) {
 TEST_F(ClientTest, DeletionDisconnectsAndReleasesBothInstances) {
   FakeMqtt& main = Connected();
   client_->mosqProvision = FakeMqtt::Create(nullptr, "myid", 1, client_);
-  client_->provisionLoopStarted = 1;
+  daxo::Store(client_->provisionLoopStarted, 1);
   FakeMqtt& provision = *FakeMqtt::Last();
   provision.disconnectResult = MOSQ_ERR_NO_CONN;
   EXPECT_EQ(DAXO_DeleteClient(client_), DAXO_Error_Success);

@@ -91,7 +91,7 @@ TEST_F(ConnectionTest, ConnectMapsEachStepsFailure) {
 TEST_F(ConnectionTest, ReconnectingReleasesTheEarlierInstancesFirst) {
   Provisioned();
   client->mosqProvision = FakeMqtt::Create(nullptr, "myid", 1, client);
-  client->provisionLoopStarted = 1;
+  daxo::Store(client->provisionLoopStarted, 1);
   FakeMqtt& provisioning = *FakeMqtt::Last();
   ASSERT_EQ(DAXO_Connect(client), DAXO_Error_Success);
   FakeMqtt& first = *FakeMqtt::Last();

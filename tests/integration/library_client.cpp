@@ -1,0 +1,86 @@
+#include "library_client.h"
+
+#include <stdexcept>
+
+namespace daxo_test {
+
+LibraryClient::LibraryClient(TestEnvironment& env, ClientConfig config) {
+  if (config.certFolder.empty()) config.certFolder = env.NewCertFolder();
+  certFolder_ = config.certFolder;
+  DAXO_Error err = DAXO_Error_Unknown;
+  client_ = DAXO_NewClient(env.WriteClientConfig(config).c_str(), this, &err);
+  if (client_ == nullptr) throw std::runtime_error("DAXO_NewClient: " + std::to_string(err));
+  SetCallbacks();
+}
+
+LibraryClient::~LibraryClient() { DAXO_DeleteClient(client_); }
+
+void LibraryClient::SetCallbacks() {
+  DAXO_LogCallbackSet(client_, [](DAXO_Client*, const char* line, void* self) {
+    std::lock_guard lock(Self(self).mutex_);
+    Self(self).logs_.push_back(line);
+    Self(self).changed_.notify_all();
+  });
+  DAXO_ProvisionClientCallbackSet(client_, [](DAXO_Client*, void* self, DAXO_Error err) {
+    Self(self).Record("provision", err);
+  });
+  DAXO_ConnectCallbackSet(client_, [](DAXO_Client*, void* self, DAXO_Error err) {
+    Self(self).Record("connect", err);
+  });
+  DAXO_DisconnectCallbackSet(client_, [](DAXO_Client*, void* self, DAXO_Error err) {
+    Self(self).Record("disconnect", err);
+  });
+  DAXO_CheckConnectionCallbackSet(client_, [](DAXO_Client*, void* self, DAXO_ApiError err) {
+    Self(self).Record("check", err);
+  });
+  DAXO_DeprovisionClientCallbackSet(client_, [](DAXO_Client*, void* self) {
+    Self(self).Record("deprovision", 0);
+  });
+}
+
+void LibraryClient::Record(const std::string& name, int code) {
+  std::lock_guard lock(mutex_);
+  events_[name].push_back(code);
+  changed_.notify_all();
+}
+
+std::optional<int> LibraryClient::Next(const std::string& name, std::chrono::seconds timeout) {
+  std::unique_lock lock(mutex_);
+  size_t& next = consumed_[name];
+  if (!changed_.wait_for(lock, timeout, [&] { return events_[name].size() > next; }))
+    return std::nullopt;
+  return events_[name][next++];
+}
+
+size_t LibraryClient::Pending(const std::string& name) {
+  std::lock_guard lock(mutex_);
+  return events_[name].size() - consumed_[name];
+}
+
+std::vector<std::string> LibraryClient::Logs() {
+  std::lock_guard lock(mutex_);
+  return logs_;
+}
+
+bool LibraryClient::WaitForLog(const std::string& text, std::chrono::seconds timeout) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] {
+    for (const std::string& line : logs_)
+      if (line.find(text) != std::string::npos) return true;
+    return false;
+  });
+}
+
+std::string LibraryClient::Id() const {
+  const char* id = DAXO_GetClientId(client_);
+  return id != nullptr ? id : "";
+}
+
+bool LibraryClient::ProvisionAndConnect() {
+  if (DAXO_ProvisionClient(client_) != DAXO_Error_Success) return false;
+  if (Next("provision") != DAXO_Error_Success) return false;
+  if (DAXO_Connect(client_) != DAXO_Error_Success) return false;
+  return Next("connect") == DAXO_Error_Success;
+}
+
+}  // namespace daxo_test
