@@ -315,7 +315,7 @@ TEST(AgentAuthority, IsCreatedOnFirstRunAndReusedAfterwards) {
             return l.find("cannot reach the broker") != std::string::npos;
           });
         },
-        10s));
+        30s));
     std::optional<ExitStatus> status = agent.Stop();
     ASSERT_TRUE(status);
     EXPECT_TRUE(status->Clean()) << status->Describe();
