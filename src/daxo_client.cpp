@@ -6,6 +6,11 @@
 
 namespace {
 
+// Every request carries the client's identifier in its topic.
+bool Provisioned(const DAXO_Client* client) noexcept {
+  return client != nullptr && client->clientId != nullptr;
+}
+
 template <class Callback>
 DAXO_Error SetCallback(DAXO_Client* client, Callback DAXO_Client::*field,
                        Callback callback) noexcept {
@@ -47,7 +52,7 @@ const char* DAXO_GetClientId(DAXO_Client* client) noexcept {
 DAXO_Error DAXO_Connect(DAXO_Client* client) noexcept { return ConnectInternal(client, nullptr); }
 
 DAXO_Error DAXO_CheckConnection(DAXO_Client* client) noexcept {
-  if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+  if (!Provisioned(client)) return DAXO_Error_InvalidArguments;
   return daxo::CheckConnection(client);
 }
 
@@ -56,8 +61,37 @@ DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) noexcept {
 }
 
 DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) noexcept {
-  if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+  if (!Provisioned(client)) return DAXO_Error_InvalidArguments;
   return daxo::Deprovision(client);
+}
+
+DAXO_Error DAXO_CreateSensor(DAXO_Client* client, const char* name) noexcept {
+  if (!Provisioned(client) || name == nullptr) return DAXO_Error_InvalidArguments;
+  return daxo::CreateSensor(client, name);
+}
+
+DAXO_Error DAXO_UpdateSensor(DAXO_Client* client, const char* sensorId,
+                             const char* sensorName) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || sensorName == nullptr)
+    return DAXO_Error_InvalidArguments;
+  return daxo::UpdateSensor(client, sensorId, sensorName);
+}
+
+DAXO_Error DAXO_DeleteSensor(DAXO_Client* client, const char* sensorId) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr) return DAXO_Error_InvalidArguments;
+  return daxo::DeleteSensor(client, sensorId);
+}
+
+DAXO_Error DAXO_ListSensors(DAXO_Client* client) noexcept {
+  if (!Provisioned(client)) return DAXO_Error_InvalidArguments;
+  return daxo::ListSensors(client);
+}
+
+DAXO_Error DAXO_DescribeMetric(DAXO_Client* client, const char* sensorId,
+                               const char* metricId) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || metricId == nullptr)
+    return DAXO_Error_InvalidArguments;
+  return daxo::DescribeMetric(client, sensorId, metricId);
 }
 
 DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {

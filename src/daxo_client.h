@@ -123,6 +123,46 @@ typedef enum DAXO_ApiErrorTag {
 } DAXO_ApiError;
 
 /* ------------------------------------------------------------------------
+ * Metric vocabulary
+ * ---------------------------------------------------------------------- */
+
+/* The unit of a standard metric. */
+typedef enum DAXO_ValueUnitTag {
+  DAXO_ValueUnit_NoUnit = 0,
+  DAXO_ValueUnit_SIAmpere = 1,
+  DAXO_ValueUnit_SIBit = 2,
+  DAXO_ValueUnit_SICandela = 3,
+  DAXO_ValueUnit_SICelsius = 4,
+  DAXO_ValueUnit_SIFarad = 5,
+  DAXO_ValueUnit_SIKilogram = 6,
+  DAXO_ValueUnit_SIHertz = 7,
+  DAXO_ValueUnit_SIJoule = 8,
+  DAXO_ValueUnit_SIMeter = 9,
+  DAXO_ValueUnit_SIMetersPerSecond = 10,
+  DAXO_ValueUnit_SIMetersPerSquareSecond = 11,
+  DAXO_ValueUnit_SIMole = 12,
+  DAXO_ValueUnit_SINewtone = 13,
+  DAXO_ValueUnit_SIOhm = 14,
+  DAXO_ValueUnit_SIPascal = 15,
+  DAXO_ValueUnit_SIRadian = 16,
+  DAXO_ValueUnit_SISecond = 17,
+  DAXO_ValueUnit_SISquareMeter = 18,
+  DAXO_ValueUnit_SIVolt = 19,
+  DAXO_ValueUnit_SIWatt = 20,
+  DAXO_ValueUnit_NoSIDecibel = 21,
+  DAXO_ValueUnit_NoSIPercent = 22
+} DAXO_ValueUnit;
+
+/* The value type of a custom metric. */
+typedef enum DAXO_ValueTypeTag {
+  DAXO_ValueType_NoType = 0,
+  DAXO_ValueType_Integer = 1,
+  DAXO_ValueType_Double = 2,
+  DAXO_ValueType_Bool = 3,
+  DAXO_ValueType_String = 4
+} DAXO_ValueType;
+
+/* ------------------------------------------------------------------------
  * Handles and records
  * ---------------------------------------------------------------------- */
 
@@ -130,12 +170,73 @@ typedef enum DAXO_ApiErrorTag {
  * DAXO_DeleteClient. */
 typedef struct DAXO_ClientTag DAXO_Client;
 
-/* Records delivered by reply callbacks; the application owns them once
- * delivered and releases them with their destroyers. */
-typedef struct DAXO_SensorMetadataTag DAXO_SensorMetadata;
-typedef struct DAXO_SensorsInfoTag DAXO_SensorsInfo;
-typedef struct DAXO_CreatedMetricsTag DAXO_CreatedMetrics;
-typedef struct DAXO_MetricMetadataTag DAXO_MetricMetadata;
+/* Records delivered by reply callbacks. Every string in them is a heap copy
+ * owned by the record; the application owns a record once it is delivered
+ * and releases it with its destroyer. */
+
+typedef enum DAXO_SensorTypeTag {
+  DAXO_SensorType_None = 0,     /* neither a plug-in nor a monitoring service */
+  DAXO_SensorType_Standard = 1, /* monitoringService given */
+  DAXO_SensorType_Plugin = 2    /* pluginName given */
+} DAXO_SensorType;
+
+/* One name/value pair of a plug-in sensor's parameters. */
+typedef struct DAXO_PluginParameterTag {
+  char* parameterName;
+  char* parameterValue;
+} DAXO_PluginParameter;
+
+/* One metric of a sensor. */
+typedef struct DAXO_MetricInfoTag {
+  char* metricId;
+} DAXO_MetricInfo;
+
+/* The description of one sensor. */
+typedef struct DAXO_SensorMetadataTag {
+  char* name;
+  char* sensorId;
+  int frequency; /* 0 when not given */
+  DAXO_SensorType sensorType;
+  char* pluginName;                         /* plug-in sensors, else null */
+  char* pluginDownloadUrl;                  /* plug-in sensors, else null */
+  DAXO_PluginParameter* pluginParameters;   /* null when there are none */
+  int pluginParametersCount;
+  char* monitoringService; /* standard sensors, else null */
+  DAXO_MetricInfo* metrics; /* null when there are none */
+  int metricsCount;
+} DAXO_SensorMetadata;
+
+/* The sensor list: an array of records (not of pointers). */
+typedef struct DAXO_SensorsInfoTag {
+  DAXO_SensorMetadata* sensors; /* null when empty */
+  int sensorsCount;
+} DAXO_SensorsInfo;
+
+/* One metric the agent created: the application's id and the agent's. */
+typedef struct DAXO_CreatedMetricTag {
+  char* matchingId;
+  char* metricId;
+} DAXO_CreatedMetric;
+
+/* The reply to DAXO_CreateMetrics, in the order of the request. */
+typedef struct DAXO_CreatedMetricsTag {
+  char* sensorId;
+  DAXO_CreatedMetric* metrics; /* null when empty */
+  int metricsCount;
+} DAXO_CreatedMetrics;
+
+/* One metric's definition and last value. A standard metric has a unit and
+ * DAXO_ValueType_NoType; a custom metric has a type, an annotation and
+ * DAXO_ValueUnit_NoUnit. */
+typedef struct DAXO_MetricMetadataTag {
+  char* id;
+  DAXO_ValueUnit valueUnit;
+  DAXO_ValueType valueType;
+  char* valueAnnotation; /* custom metrics, else null */
+  uint64_t lastUpdated;
+  char* value; /* the last value, as text */
+  char* name;
+} DAXO_MetricMetadata;
 
 /* ------------------------------------------------------------------------
  * Callback types
@@ -383,6 +484,61 @@ DAXO_EXPORT DAXO_Error DAXO_CheckConnection(DAXO_Client* client) DAXO_NOEXCEPT;
  * client that is not connected is left alone. Returns DAXO_Error_Success,
  * DAXO_Error_InvalidArguments or DAXO_Error_NoThreadSupport. */
 DAXO_EXPORT DAXO_Error DAXO_Disconnect(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Sensors
+ *
+ * Each request returns once the message is handed to the transport
+ * (DAXO_Error_Success) or with the reason it was not; the agent's answer
+ * arrives later through the reply callback named. Identifiers go into the
+ * request's topic verbatim: a "/" in one adds topic levels, and one holding
+ * "+" or "#" is refused by the transport (DAXO_Error_InvalidArguments). A
+ * null client or argument, or a client that is not provisioned, gives
+ * DAXO_Error_InvalidArguments; a lack of memory DAXO_Error_NoMemory, a
+ * payload that cannot be composed DAXO_Error_ComposeJson.
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_CreateSensor asks the agent to create a sensor named name; the
+ * agent's id for it arrives through OnCreateSensor with the name. */
+DAXO_EXPORT DAXO_Error DAXO_CreateSensor(DAXO_Client* client, const char* name) DAXO_NOEXCEPT;
+
+/* DAXO_UpdateSensor asks the agent to rename sensor sensorId to sensorName;
+ * answered through OnModifySensor. */
+DAXO_EXPORT DAXO_Error DAXO_UpdateSensor(DAXO_Client* client, const char* sensorId,
+                                         const char* sensorName) DAXO_NOEXCEPT;
+
+/* DAXO_DeleteSensor asks the agent to delete sensor sensorId; answered
+ * through OnDeleteSensor. */
+DAXO_EXPORT DAXO_Error DAXO_DeleteSensor(DAXO_Client* client, const char* sensorId) DAXO_NOEXCEPT;
+
+/* DAXO_ListSensors asks for the client's sensors; the list arrives through
+ * OnListSensors. */
+DAXO_EXPORT DAXO_Error DAXO_ListSensors(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* DAXO_DescribeMetric asks for the definition and last value of metric
+ * metricId of sensor sensorId; answered through OnDescribeMetric. */
+DAXO_EXPORT DAXO_Error DAXO_DescribeMetric(DAXO_Client* client, const char* sensorId,
+                                           const char* metricId) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Record destroyers; each accepts null.
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_DestroySensorMetadata releases a record delivered by
+ * OnCreateSensorJob. Records of a DAXO_SensorsInfo are not passed here. */
+DAXO_EXPORT void DAXO_DestroySensorMetadata(DAXO_SensorMetadata* sensorMetadata) DAXO_NOEXCEPT;
+
+/* DAXO_DestroySensorsInfo releases a list delivered by OnListSensors,
+ * with its records. */
+DAXO_EXPORT void DAXO_DestroySensorsInfo(DAXO_SensorsInfo* sensorsInfo) DAXO_NOEXCEPT;
+
+/* DAXO_DestroyCreatedMetrics releases a record delivered by
+ * OnCreateMetrics. */
+DAXO_EXPORT void DAXO_DestroyCreatedMetrics(DAXO_CreatedMetrics* createdMetrics) DAXO_NOEXCEPT;
+
+/* DAXO_DestroyMetricMetadata releases a record delivered by
+ * OnDescribeMetric. */
+DAXO_EXPORT void DAXO_DestroyMetricMetadata(DAXO_MetricMetadata* metricMetadata) DAXO_NOEXCEPT;
 
 #ifdef __cplusplus
 }

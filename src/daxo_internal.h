@@ -171,6 +171,46 @@ DAXO_EXPORT DAXO_Error ProcessClientCommands(DAXO_Client* client, char** topics,
                                              const int topicCount, const char* message,
                                              const char* topic) DAXO_NOEXCEPT;
 
+// Reply records and their parsers: each parser returns a complete record,
+// or fails with nothing left allocated.
+struct json_object;
+DAXO_EXPORT int CreateSensorMetadata(struct json_object* objSensor,
+                                     DAXO_SensorMetadata* sensorMetadata) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_SensorMetadata* CreateSensorMetadataEx(const char* message) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_SensorsInfo* CreateSensorsInfo(const char* message) DAXO_NOEXCEPT;
+DAXO_EXPORT int ParseSensorId(const char* message, char** name, char** sensorId) DAXO_NOEXCEPT;
+DAXO_EXPORT int InitializePluginParameter(DAXO_PluginParameter* pluginParameter,
+                                          const char* name, const char* value) DAXO_NOEXCEPT;
+DAXO_EXPORT int CreateMetricInfo(struct json_object* objMetric,
+                                 DAXO_MetricInfo* metric) DAXO_NOEXCEPT;
+DAXO_EXPORT void DestroySensorMetadata(DAXO_SensorMetadata* sensor) DAXO_NOEXCEPT;
+DAXO_EXPORT void DestroyPluginParameter(DAXO_PluginParameter* pluginParameter) DAXO_NOEXCEPT;
+DAXO_EXPORT void DestroyMetricInfo(DAXO_MetricInfo* metric) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_CreatedMetrics* CreateCreatedMetrics(const char* message,
+                                                      const char* sensorId) DAXO_NOEXCEPT;
+DAXO_EXPORT int FillCreatedMetric(struct json_object* objMetric,
+                                  DAXO_CreatedMetric* metric) DAXO_NOEXCEPT;
+DAXO_EXPORT void DestroyCreatedMetric(DAXO_CreatedMetric* metric) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_MetricMetadata* CreateMetricMetadata(const char* message) DAXO_NOEXCEPT;
+
+// Value units and types and their wire texts; row i of each table holds
+// number i, and a row with null text ends it.
+typedef struct ValueUnitPairTag {
+  const char* strType;
+  DAXO_ValueUnit numericUnit;
+} ValueUnitPair;
+typedef struct ValueTypePairTag {
+  const char* strType;
+  DAXO_ValueType numericType;
+} ValueTypePair;
+DAXO_EXPORT extern const ValueUnitPair valueUnits[24];
+DAXO_EXPORT extern const ValueTypePair valueTypes[6];
+DAXO_EXPORT DAXO_ValueUnit GetValueUnitFromStr(const char* valueUnit) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_ValueType GetValueTypeFromStr(const char* valueType) DAXO_NOEXCEPT;
+// Null for a number outside its enumeration.
+DAXO_EXPORT const char* GetValueUnitStr(DAXO_ValueUnit valueUnit) DAXO_NOEXCEPT;
+DAXO_EXPORT const char* GetValueTypeStr(DAXO_ValueType valueType) DAXO_NOEXCEPT;
+
 // Configuration.
 DAXO_EXPORT DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) DAXO_NOEXCEPT;
 DAXO_EXPORT char* GetFileContent(const char* fileName) DAXO_NOEXCEPT;
@@ -216,6 +256,8 @@ DAXO_EXPORT int DeleteCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
 #ifdef __cplusplus
 }
 
+#include "c_handles.h"
+
 namespace daxo {
 
 // The MQTT API version, level 1 of every topic of the client's tree.
@@ -244,6 +286,28 @@ DAXO_Error SubscribeResultToError(int rc) noexcept;
 // messages on the main instance are logged.
 DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* topic,
                      const char* message, int length, int* messageId) noexcept;
+
+// Request bodies: a new object (NoMemory when it cannot be made), and a
+// member added to it, owned by the parent only once added (a null value is
+// NoMemory, a refused addition ComposeJson).
+std::unique_ptr<json_object, CFree<json_object_put>> NewObject(DAXO_Error* err) noexcept;
+DAXO_Error AddMember(json_object* parent, const char* key, json_object* value) noexcept;
+
+// The text of a body, owned by the body; null (and *err) when it cannot be
+// rendered whole.
+const char* Render(const json_object* body, DAXO_Error* err) noexcept;
+
+// The one path of every request: sends body (null: "{}") on the client's
+// tree, levels being formatted like printf below "/v1.0/<clientId>/".
+DAXO_Error Request(DAXO_Client* client, const json_object* body, const char* levels, ...) noexcept
+    __attribute__((format(printf, 3, 4)));
+
+// The sensor requests after their guard clauses.
+DAXO_Error CreateSensor(DAXO_Client* client, const char* name) noexcept;
+DAXO_Error UpdateSensor(DAXO_Client* client, const char* sensorId, const char* sensorName) noexcept;
+DAXO_Error DeleteSensor(DAXO_Client* client, const char* sensorId) noexcept;
+DAXO_Error ListSensors(DAXO_Client* client) noexcept;
+DAXO_Error DescribeMetric(DAXO_Client* client, const char* sensorId, const char* metricId) noexcept;
 
 // The body of DAXO_DeprovisionClient after its guard clauses.
 DAXO_Error Deprovision(DAXO_Client* client) noexcept;

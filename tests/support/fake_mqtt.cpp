@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -74,10 +75,18 @@ struct FakeMqttTrampolines {
       return MOSQ_ERR_INVAL;
     if (mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS) return MOSQ_ERR_INVAL;
     if (len > 268435455) return MOSQ_ERR_PAYLOAD_SIZE;
-    int m = NextMid(f);
-    if (mid) *mid = m;
-    f.publishes.push_back(
-        {topic, std::string(static_cast<const char*>(payload), len), qos, retain != 0, m});
+    // Recording allocates: under an injected allocation failure the fake
+    // refuses the message as libmosquitto would.
+    try {
+      FakePublish p{topic, std::string(static_cast<const char*>(payload), len), qos, retain != 0,
+                    0};
+      f.publishes.reserve(f.publishes.size() + 1);
+      p.mid = NextMid(f);
+      if (mid) *mid = p.mid;
+      f.publishes.push_back(std::move(p));
+    } catch (const std::bad_alloc&) {
+      return MOSQ_ERR_NOMEM;
+    }
     return MOSQ_ERR_SUCCESS;
   }
   static int ReconnectDelaySet(MosquittoInterface* mi, unsigned d, unsigned dmax, int backoff) {
