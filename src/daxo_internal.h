@@ -170,6 +170,13 @@ DAXO_EXPORT DAXO_Error DispatchResponse(DAXO_Client* client, const char* topic,
 DAXO_EXPORT DAXO_Error ProcessClientCommands(DAXO_Client* client, char** topics,
                                              const int topicCount, const char* message,
                                              const char* topic) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ProcessSensorCommands(DAXO_Client* client, char** topics,
+                                             const int topicCount, const char* message,
+                                             const char* topic) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ProcessMetricCommands(DAXO_Client* client, const char* sensorId,
+                                             char** topics, const int topicCount,
+                                             const char* message,
+                                             const char* topic) DAXO_NOEXCEPT;
 
 // Reply records and their parsers: each parser returns a complete record,
 // or fails with nothing left allocated.

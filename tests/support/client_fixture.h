@@ -43,6 +43,65 @@ class FakeClientTest : public ::testing::Test {
     });
   }
 
+  // Records every reply and job callback as {name, code, summary}; records
+  // handed over are summarised and destroyed.
+  void RecordReplies() {
+    DAXO_CreateSensorCallbackSet(client, [](DAXO_Client*, void* self, const char* name,
+                                            const char* id, DAXO_ApiError err) {
+      Self(self).calls.push_back({"OnCreateSensor", err, Str(name) + "|" + Str(id)});
+    });
+    DAXO_UpdateSensorCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
+                                            DAXO_ApiError err) {
+      Self(self).calls.push_back({"OnModifySensor", err, Str(id)});
+    });
+    DAXO_DeleteSensorCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
+                                            DAXO_ApiError err) {
+      Self(self).calls.push_back({"OnDeleteSensor", err, Str(id)});
+    });
+    DAXO_PushMetricValuesCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
+                                                DAXO_ApiError err) {
+      Self(self).calls.push_back({"OnPushMetricValues", err, Str(id)});
+    });
+    DAXO_UpdateMetricsCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
+                                             DAXO_ApiError err) {
+      Self(self).calls.push_back({"OnUpdateMetrics", err, Str(id)});
+    });
+    DAXO_DeleteMetricsCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
+                                             DAXO_ApiError err) {
+      Self(self).calls.push_back({"OnDeleteMetrics", err, Str(id)});
+    });
+    DAXO_ListSensorsCallbackSet(client, [](DAXO_Client*, DAXO_SensorsInfo* list, void* self,
+                                           DAXO_ApiError err) {
+      std::string summary = list ? "sensors=" + std::to_string(list->sensorsCount) : "null";
+      Self(self).calls.push_back({"OnListSensors", err, summary});
+      DAXO_DestroySensorsInfo(list);
+    });
+    DAXO_DescribeMetricCallbackSet(client, [](DAXO_Client*, const char* sensorId,
+                                              DAXO_MetricMetadata* metric, void* self,
+                                              DAXO_ApiError err) {
+      Self(self).calls.push_back(
+          {"OnDescribeMetric", err, Str(sensorId) + "|" + (metric ? Str(metric->id) : "null")});
+      DAXO_DestroyMetricMetadata(metric);
+    });
+    DAXO_CreateMetricsCallbackSet(client, [](DAXO_Client*, void* self,
+                                             DAXO_CreatedMetrics* metrics, DAXO_ApiError err) {
+      std::string summary =
+          metrics ? Str(metrics->sensorId) + "|" + std::to_string(metrics->metricsCount) : "null";
+      Self(self).calls.push_back({"OnCreateMetrics", err, summary});
+      DAXO_DestroyCreatedMetrics(metrics);
+    });
+    DAXO_CreateSensorJobCallbackSet(client, [](DAXO_Client*, DAXO_SensorMetadata* sensor,
+                                               void* self) {
+      Self(self).calls.push_back({"OnCreateSensorJob", 0, Str(sensor->sensorId)});
+      DAXO_DestroySensorMetadata(sensor);
+    });
+    DAXO_DeleteSensorJobCallbackSet(client, [](DAXO_Client*, const char* id, void* self) {
+      Self(self).calls.push_back({"OnDeleteSensorJob", 0, Str(id)});
+    });
+  }
+
+  static std::string Str(const char* s) { return s != nullptr ? s : "null"; }
+
   void TearDown() override {
     DAXO_DeleteClient(client);
     FakeMqtt::Reset();
