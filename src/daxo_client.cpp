@@ -94,6 +94,61 @@ DAXO_Error DAXO_DescribeMetric(DAXO_Client* client, const char* sensorId,
   return daxo::DescribeMetric(client, sensorId, metricId);
 }
 
+DAXO_Error DAXO_CreateMetrics(DAXO_Client* client, const char* sensorId,
+                              DAXO_MetricSchemaContainer* container) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || container == nullptr ||
+      container->mainJson == nullptr)
+    return DAXO_Error_InvalidArguments;
+  return daxo::SendMetricSchemas(client, sensorId, container, false);
+}
+
+DAXO_Error DAXO_UpdateMetrics(DAXO_Client* client, const char* sensorId,
+                              DAXO_MetricSchemaContainer* container) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || container == nullptr ||
+      container->mainJson == nullptr)
+    return DAXO_Error_InvalidArguments;
+  return daxo::SendMetricSchemas(client, sensorId, container, true);
+}
+
+DAXO_Error DAXO_DeleteMetrics(DAXO_Client* client, const char* sensorId, char** metricIds,
+                              int metricsCount) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || metricIds == nullptr || metricsCount == 0)
+    return DAXO_Error_InvalidArguments;
+  for (int i = 0; i < metricsCount; ++i) {
+    if (metricIds[i] == nullptr) return DAXO_Error_InvalidArguments;
+  }
+  return daxo::DeleteMetrics(client, sensorId, metricIds, metricsCount);
+}
+
+DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* sensorId,
+                                 DAXO_MetricValueContainer* container) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || container == nullptr ||
+      container->metricsCount == 0)
+    return DAXO_Error_InvalidArguments;
+  return daxo::PushMetricValues(client, sensorId, container);
+}
+
+DAXO_Error DAXO_ReportClientError(DAXO_Client* client, int error,
+                                  const char* errMessage) noexcept {
+  if (!Provisioned(client) || errMessage == nullptr) return DAXO_Error_InvalidArguments;
+  return daxo::ReportError(client, "errocode", error, errMessage, "error");
+}
+
+DAXO_Error DAXO_ReportSensorError(DAXO_Client* client, const char* sensorId, int error,
+                                  const char* errMessage) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || errMessage == nullptr)
+    return DAXO_Error_InvalidArguments;
+  return daxo::ReportError(client, "errorcode", error, errMessage, "sensor/%s/error", sensorId);
+}
+
+DAXO_Error DAXO_ReportMetricError(DAXO_Client* client, const char* sensorId, const char* metricId,
+                                  int error, const char* errMessage) noexcept {
+  if (!Provisioned(client) || sensorId == nullptr || metricId == nullptr || errMessage == nullptr)
+    return DAXO_Error_InvalidArguments;
+  return daxo::ReportError(client, "errorcode", error, errMessage, "sensor/%s/metric/%s/error",
+                           sensorId, metricId);
+}
+
 DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   return daxo::Disconnect(client);

@@ -170,6 +170,11 @@ typedef enum DAXO_ValueTypeTag {
  * DAXO_DeleteClient. */
 typedef struct DAXO_ClientTag DAXO_Client;
 
+/* Batches the application fills and sends; opaque, created and destroyed
+ * by their functions below. */
+typedef struct DAXO_MetricSchemaContainerTag DAXO_MetricSchemaContainer;
+typedef struct DAXO_MetricValueContainerTag DAXO_MetricValueContainer;
+
 /* Records delivered by reply callbacks. Every string in them is a heap copy
  * owned by the record; the application owns a record once it is delivered
  * and releases it with its destroyer. */
@@ -519,6 +524,121 @@ DAXO_EXPORT DAXO_Error DAXO_ListSensors(DAXO_Client* client) DAXO_NOEXCEPT;
  * metricId of sensor sensorId; answered through OnDescribeMetric. */
 DAXO_EXPORT DAXO_Error DAXO_DescribeMetric(DAXO_Client* client, const char* sensorId,
                                            const char* metricId) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Metric definitions
+ *
+ * A schema container collects metric definitions, in order, for
+ * DAXO_CreateMetrics (standard and custom entries) or DAXO_UpdateMetrics
+ * (update entries). Strings are copied when added. A failed Add leaves the
+ * container as it was; sending never changes it, so it can be sent again.
+ * A container is used by one thread at a time.
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_CreateMetricSchemaContainer returns a new empty container, released
+ * with DAXO_DestroyMetricSchemaContainer, or null when memory runs out. */
+DAXO_EXPORT DAXO_MetricSchemaContainer* DAXO_CreateMetricSchemaContainer(void) DAXO_NOEXCEPT;
+
+/* DAXO_DestroyMetricSchemaContainer releases a container and its entries.
+ * Returns DAXO_Error_InvalidArguments for null. */
+DAXO_EXPORT DAXO_Error DAXO_DestroyMetricSchemaContainer(
+    DAXO_MetricSchemaContainer* container) DAXO_NOEXCEPT;
+
+/* DAXO_AddStandardMetricSchema adds a metric measured in value_unit (not
+ * DAXO_ValueUnit_NoUnit). matchingId is the application's own id for it: the
+ * agent's reply pairs it with the metric id it assigns. */
+DAXO_EXPORT DAXO_Error DAXO_AddStandardMetricSchema(DAXO_MetricSchemaContainer* container,
+                                                    const char* matchingId, const char* name,
+                                                    DAXO_ValueUnit value_unit) DAXO_NOEXCEPT;
+
+/* DAXO_AddCustomMetricSchema adds a metric of valueType (not
+ * DAXO_ValueType_NoType) described by valueAnnotation. */
+DAXO_EXPORT DAXO_Error DAXO_AddCustomMetricSchema(DAXO_MetricSchemaContainer* container,
+                                                  const char* matchingId, const char* name,
+                                                  DAXO_ValueType valueType,
+                                                  const char* valueAnnotation) DAXO_NOEXCEPT;
+
+/* DAXO_AddMetricUpdateSchema adds a change of metric metricId: a new name,
+ * a new annotation, or both (null leaves one unchanged; not both null). */
+DAXO_EXPORT DAXO_Error DAXO_AddMetricUpdateSchema(DAXO_MetricSchemaContainer* container,
+                                                  const char* metricId, const char* name,
+                                                  const char* valueAnnotation) DAXO_NOEXCEPT;
+
+/* DAXO_CreateMetrics sends the container's definitions for sensor
+ * sensorId; the agent's ids arrive through OnCreateMetrics. */
+DAXO_EXPORT DAXO_Error DAXO_CreateMetrics(DAXO_Client* client, const char* sensorId,
+                                          DAXO_MetricSchemaContainer* container) DAXO_NOEXCEPT;
+
+/* DAXO_UpdateMetrics sends the container's changes for sensor sensorId;
+ * answered through OnUpdateMetrics. */
+DAXO_EXPORT DAXO_Error DAXO_UpdateMetrics(DAXO_Client* client, const char* sensorId,
+                                          DAXO_MetricSchemaContainer* container) DAXO_NOEXCEPT;
+
+/* DAXO_DeleteMetrics asks the agent to delete the first metricsCount ids of
+ * metricIds (none of them null; a count of 0 is refused, a negative count
+ * sends an empty list) from sensor sensorId; answered through
+ * OnDeleteMetrics. */
+DAXO_EXPORT DAXO_Error DAXO_DeleteMetrics(DAXO_Client* client, const char* sensorId,
+                                          char** metricIds, int metricsCount) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Metric values
+ *
+ * A value container collects values for metrics of one sensor, in order,
+ * with an optional time for the whole batch. Pushing never changes it: to
+ * send new values, destroy it and fill a new one. The development agent
+ * reads the timestamp as milliseconds since the epoch (UTC); without one it
+ * stamps the values with the time they arrive.
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_CreateMetricValueContainer returns a new empty container, released
+ * with DAXO_DestroyMetricValueContainer, or null when memory runs out. */
+DAXO_EXPORT DAXO_MetricValueContainer* DAXO_CreateMetricValueContainer(void) DAXO_NOEXCEPT;
+
+/* DAXO_DestroyMetricValueContainer releases a container and its values.
+ * Returns DAXO_Error_InvalidArguments for null. */
+DAXO_EXPORT DAXO_Error DAXO_DestroyMetricValueContainer(
+    DAXO_MetricValueContainer* container) DAXO_NOEXCEPT;
+
+/* The Add functions append one value for metric metricId (copied). A failed
+ * Add (DAXO_Error_NoMemory) leaves the container's values as they were. */
+DAXO_EXPORT DAXO_Error DAXO_AddIntegerMetricValue(DAXO_MetricValueContainer* container,
+                                                  int64_t value,
+                                                  const char* metricId) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_AddDoubleMetricValue(DAXO_MetricValueContainer* container,
+                                                 double value, const char* metricId) DAXO_NOEXCEPT;
+/* Any non-zero value is sent as true. */
+DAXO_EXPORT DAXO_Error DAXO_AddBoolMetricValue(DAXO_MetricValueContainer* container, int value,
+                                               const char* metricId) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_AddStringMetricValue(DAXO_MetricValueContainer* container,
+                                                 const char* value,
+                                                 const char* metricId) DAXO_NOEXCEPT;
+
+/* DAXO_AddEpochTimeStamp sets the batch's time (a later call replaces it),
+ * sent as a signed 64-bit number: milliseconds since the epoch for the
+ * development agent. */
+DAXO_EXPORT DAXO_Error DAXO_AddEpochTimeStamp(DAXO_MetricValueContainer* container,
+                                              uint64_t epochTimestamp) DAXO_NOEXCEPT;
+
+/* DAXO_PushMetricValues sends the container's values to sensor sensorId;
+ * answered through OnPushMetricValues. An empty container is refused
+ * (DAXO_Error_InvalidArguments). */
+DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* sensorId,
+                                             DAXO_MetricValueContainer* container) DAXO_NOEXCEPT;
+
+/* ------------------------------------------------------------------------
+ * Error reports: the application's own failures, its own code and text.
+ * No answer follows; the result says whether the report was handed to the
+ * transport.
+ * ---------------------------------------------------------------------- */
+
+DAXO_EXPORT DAXO_Error DAXO_ReportClientError(DAXO_Client* client, int error,
+                                              const char* errMessage) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_ReportSensorError(DAXO_Client* client, const char* sensorId,
+                                              int error, const char* errMessage) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_ReportMetricError(DAXO_Client* client, const char* sensorId,
+                                              const char* metricId, int error,
+                                              const char* errMessage) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Record destroyers; each accepts null.

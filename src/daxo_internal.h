@@ -13,6 +13,8 @@
 extern "C" {
 #endif
 
+struct json_object;
+
 // Internal hooks, shaped like DAXO_OnConnect.
 typedef void (*OnProvisionCallback)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 typedef void (*OnCertificateRenewCallback)(DAXO_Client* client, void* callbackParameter,
@@ -83,6 +85,30 @@ struct DAXO_ClientTag {
   pthread_mutex_t connectionMutex;
   ConnectionWatch mainWatch;
   ConnectionWatch provisionWatch;
+};
+
+struct DAXO_MetricSchemaContainerTag {
+  struct json_object* mainJson;      // the whole request body
+  struct json_object* metricsArray;  // its "metrics" member, owned by mainJson
+};
+
+// One collected value; type says which member of the union holds it.
+typedef struct MetricValueTag {
+  char* metricId;
+  DAXO_ValueType type;
+  union {
+    char* stringValue;
+    int64_t intValue;
+    double doubleValue;
+    int boolValue;
+  };
+} MetricValue;
+
+struct DAXO_MetricValueContainerTag {
+  MetricValue* metrics;
+  int metricsCount;
+  uint64_t timestamp;
+  int customTimestampIsSet;
 };
 
 // Level positions of the topic tree; several paths share a position.
@@ -180,7 +206,6 @@ DAXO_EXPORT DAXO_Error ProcessMetricCommands(DAXO_Client* client, const char* se
 
 // Reply records and their parsers: each parser returns a complete record,
 // or fails with nothing left allocated.
-struct json_object;
 DAXO_EXPORT int CreateSensorMetadata(struct json_object* objSensor,
                                      DAXO_SensorMetadata* sensorMetadata) DAXO_NOEXCEPT;
 DAXO_EXPORT DAXO_SensorMetadata* CreateSensorMetadataEx(const char* message) DAXO_NOEXCEPT;
@@ -315,6 +340,17 @@ DAXO_Error UpdateSensor(DAXO_Client* client, const char* sensorId, const char* s
 DAXO_Error DeleteSensor(DAXO_Client* client, const char* sensorId) noexcept;
 DAXO_Error ListSensors(DAXO_Client* client) noexcept;
 DAXO_Error DescribeMetric(DAXO_Client* client, const char* sensorId, const char* metricId) noexcept;
+
+// Metric definitions, values and error reports after their guard clauses.
+DAXO_Error SendMetricSchemas(DAXO_Client* client, const char* sensorId,
+                             const DAXO_MetricSchemaContainer* container, bool update) noexcept;
+DAXO_Error DeleteMetrics(DAXO_Client* client, const char* sensorId, char** metricIds,
+                         int metricsCount) noexcept;
+DAXO_Error PushMetricValues(DAXO_Client* client, const char* sensorId,
+                            const DAXO_MetricValueContainer* container) noexcept;
+DAXO_Error ReportError(DAXO_Client* client, const char* codeMember, int error,
+                       const char* errMessage, const char* levels, ...) noexcept
+    __attribute__((format(printf, 5, 6)));
 
 // The body of DAXO_DeprovisionClient after its guard clauses.
 DAXO_Error Deprovision(DAXO_Client* client) noexcept;
