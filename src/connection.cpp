@@ -184,7 +184,10 @@ DAXO_Error DisconnectMain(DAXO_Client* client) noexcept {
   Store(client->polling, 0);
   if (rc == MOSQ_ERR_INVAL) return DAXO_Error_InvalidArguments;
   if (rc == MOSQ_ERR_NOT_SUPPORTED) return DAXO_Error_NoThreadSupport;
-  mi->mosquittoLoopStopFunction(mi, rc != MOSQ_ERR_SUCCESS);
+  // A thread whose connection never came up does not act on the request;
+  // only a forced stop ends it.
+  bool force = rc != MOSQ_ERR_SUCCESS || !Load(client->mainWatch.connected);
+  mi->mosquittoLoopStopFunction(mi, force);
   return DAXO_Error_Success;
 }
 

@@ -18,7 +18,10 @@ extern "C" void ProvisionDisconnect(DAXO_Client* client) noexcept {
   int rc = mi->mosquittoDisconnectFunction(mi);
   daxo::Store(client->provisionLoopStarted, 0);
   if (rc == MOSQ_ERR_INVAL || rc == MOSQ_ERR_NOT_SUPPORTED) return;
-  mi->mosquittoLoopStopFunction(mi, rc != MOSQ_ERR_SUCCESS);
+  // As for the main connection: a thread that never connected ignores the
+  // request to disconnect.
+  mi->mosquittoLoopStopFunction(
+      mi, rc != MOSQ_ERR_SUCCESS || !daxo::Load(client->provisionWatch.connected));
 }
 
 extern "C" void FreeProvisionData(DAXO_Client* client) noexcept {

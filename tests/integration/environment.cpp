@@ -3,11 +3,15 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -45,6 +49,13 @@ bool Accepts(int port) {
   if (fd >= 0) close(fd);
   return connected;
 }
+
+struct ScopedFd {
+  int fd;
+  ~ScopedFd() {
+    if (fd >= 0) close(fd);
+  }
+};
 
 std::string Tail(const std::vector<std::string>& lines) {
   std::string text;
@@ -256,6 +267,46 @@ bool TestEnvironment::WaitForAgentOutput(std::string_view text, std::chrono::mil
         });
       },
       timeout);
+}
+
+std::string TestEnvironment::AgentControlSocket() const {
+  auto given = std::find(agentArguments_.begin(), agentArguments_.end(), "--control");
+  if (given != agentArguments_.end() && given + 1 != agentArguments_.end()) return *(given + 1);
+  return PathOf("agent-state/control.sock");
+}
+
+std::string TestEnvironment::AgentControl(const std::string& command,
+                                          std::chrono::milliseconds timeout) const {
+  std::string path = AgentControlSocket();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path)
+    throw std::runtime_error("the control socket path is too long: " + path);
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  ScopedFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  if (connect(fd.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    throw std::runtime_error("no agent answers on " + path + ": " + std::strerror(errno));
+  std::string request = command;
+  std::replace(request.begin(), request.end(), '\n', ' ');
+  request += '\n';
+  if (send(fd.fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+      static_cast<ssize_t>(request.size()))
+    throw std::runtime_error("cannot send the control command: " +
+                             std::string(std::strerror(errno)));
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::string answer;
+  for (;;) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd entry{fd.fd, POLLIN, 0};
+    if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
+      throw std::runtime_error("no answer to \"" + command + "\" in time; so far: " + answer);
+    char buffer[4096];
+    ssize_t got = read(fd.fd, buffer, sizeof buffer);
+    if (got > 0) answer.append(buffer, static_cast<std::size_t>(got));
+    if (std::size_t end = answer.find('\n'); end != std::string::npos) return answer.substr(0, end);
+    if (got <= 0) throw std::runtime_error("the agent closed the control connection: " + answer);
+  }
 }
 
 std::string TestEnvironment::NewCertFolder() {

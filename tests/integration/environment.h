@@ -5,7 +5,7 @@
 //
 // Layout of Folder(): ca.crt (trust for clients), broker.{crt,key},
 // agent.{crt,key}, agent-state/ (the agent's CA: the same ca.crt and ca.key,
-// so the broker trusts what the agent issues), mosquitto.conf, *.acl,
+// so the broker trusts what the agent issues; and its control.sock), mosquitto.conf, *.acl,
 // mosquitto.log, broker.out, agent.log, clients/ (NewCertFolder), *.conf
 // (WriteClientConfig).
 #ifndef DAXO_TEST_ENVIRONMENT_H
@@ -82,6 +82,13 @@ class TestEnvironment {
   bool WaitForAgentOutput(std::string_view text,
                           std::chrono::milliseconds timeout = std::chrono::seconds(10));
   std::vector<std::string> AgentOutput() const { return agent_.Lines(); }
+
+  // The agent's control socket, and one command sent to it, its line breaks
+  // turned into spaces: returns the one-line answer. Throws
+  // std::runtime_error when no answer comes in time.
+  std::string AgentControlSocket() const;
+  std::string AgentControl(const std::string& command,
+                           std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
  private:
   class TempFolder {

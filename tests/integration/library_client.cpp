@@ -36,20 +36,28 @@ void LibraryClient::SetCallbacks() {
   DAXO_DeprovisionClientCallbackSet(client_, [](DAXO_Client*, void* self) {
     Self(self).Record("deprovision", 0);
   });
+  SetReplyCallbacks();
 }
 
-void LibraryClient::Record(const std::string& name, int code) {
+void LibraryClient::Record(const std::string& name, int code, std::string text) {
   std::lock_guard lock(mutex_);
-  events_[name].push_back(code);
+  events_[name].push_back({code, std::move(text)});
   changed_.notify_all();
 }
 
-std::optional<int> LibraryClient::Next(const std::string& name, std::chrono::seconds timeout) {
+std::optional<LibraryClient::Event> LibraryClient::NextEvent(const std::string& name,
+                                                             std::chrono::seconds timeout) {
   std::unique_lock lock(mutex_);
   size_t& next = consumed_[name];
   if (!changed_.wait_for(lock, timeout, [&] { return events_[name].size() > next; }))
     return std::nullopt;
   return events_[name][next++];
+}
+
+std::optional<int> LibraryClient::Next(const std::string& name, std::chrono::seconds timeout) {
+  std::optional<Event> event = NextEvent(name, timeout);
+  if (!event) return std::nullopt;
+  return event->code;
 }
 
 size_t LibraryClient::Pending(const std::string& name) {
@@ -81,6 +89,59 @@ bool LibraryClient::ProvisionAndConnect() {
   if (Next("provision") != DAXO_Error_Success) return false;
   if (DAXO_Connect(client_) != DAXO_Error_Success) return false;
   return Next("connect") == DAXO_Error_Success;
+}
+
+
+namespace {
+
+std::string Str(const char* s) { return s != nullptr ? s : "null"; }
+
+std::string Describe(const DAXO_SensorMetadata& s) {
+  std::string text = Str(s.name) + "|" + Str(s.sensorId);
+  for (int i = 0; i < s.metricsCount; ++i) text += "|" + Str(s.metrics[i].metricId);
+  return text;
+}
+
+}  // namespace
+
+void LibraryClient::SetReplyCallbacks() {
+  DAXO_CreateSensorCallbackSet(client_, [](DAXO_Client*, void* self, const char* name,
+                                           const char* id, DAXO_ApiError err) {
+    Self(self).Record("createSensor", err, Str(name) + "|" + Str(id));
+  });
+  DAXO_UpdateSensorCallbackSet(client_, [](DAXO_Client*, void* self, const char* id,
+                                           DAXO_ApiError err) {
+    Self(self).Record("updateSensor", err, Str(id));
+  });
+  DAXO_DeleteSensorCallbackSet(client_, [](DAXO_Client*, void* self, const char* id,
+                                           DAXO_ApiError err) {
+    Self(self).Record("deleteSensor", err, Str(id));
+  });
+  DAXO_ListSensorsCallbackSet(client_, [](DAXO_Client*, DAXO_SensorsInfo* list, void* self,
+                                          DAXO_ApiError err) {
+    std::string text;
+    for (int i = 0; list != nullptr && i < list->sensorsCount; ++i)
+      text += (i ? ";" : "") + Describe(list->sensors[i]);
+    Self(self).Record("listSensors", err, text);
+    DAXO_DestroySensorsInfo(list);
+  });
+  DAXO_DescribeMetricCallbackSet(client_, [](DAXO_Client*, const char* sensorId,
+                                             DAXO_MetricMetadata* metric, void* self,
+                                             DAXO_ApiError err) {
+    std::string text = Str(sensorId);
+    if (metric != nullptr)
+      text += "|" + Str(metric->id) + "|" + Str(metric->name) + "|" + Str(metric->value);
+    Self(self).Record("describeMetric", err, text);
+    DAXO_DestroyMetricMetadata(metric);
+  });
+  DAXO_CreateSensorJobCallbackSet(client_, [](DAXO_Client*, DAXO_SensorMetadata* sensor,
+                                              void* self) {
+    Self(self).Record("createSensorJob", 0, Describe(*sensor));
+    DAXO_DestroySensorMetadata(sensor);
+  });
+  DAXO_DeleteSensorJobCallbackSet(client_, [](DAXO_Client*, const char* id, void* self) {
+    Self(self).Record("deleteSensorJob", 0, Str(id));
+  });
 }
 
 }  // namespace daxo_test

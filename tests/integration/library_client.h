@@ -34,6 +34,14 @@ class LibraryClient {
   // nothing when none arrives within timeout.
   std::optional<int> Next(const std::string& name,
                           std::chrono::seconds timeout = std::chrono::seconds(20));
+  // The same with what the callback carried, summarised as text: the
+  // sensor id, "name|id", or the records' contents.
+  struct Event {
+    int code;
+    std::string text;
+  };
+  std::optional<Event> NextEvent(const std::string& name,
+                                 std::chrono::seconds timeout = std::chrono::seconds(20));
   // Callbacks of that name not consumed yet.
   size_t Pending(const std::string& name);
   std::vector<std::string> Logs();
@@ -45,14 +53,15 @@ class LibraryClient {
 
  private:
   static LibraryClient& Self(void* p) { return *static_cast<LibraryClient*>(p); }
-  void Record(const std::string& name, int code);
+  void Record(const std::string& name, int code, std::string text = "");
   void SetCallbacks();
+  void SetReplyCallbacks();
 
   std::string certFolder_;
   DAXO_Client* client_ = nullptr;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::map<std::string, std::vector<int>> events_;
+  std::map<std::string, std::vector<Event>> events_;
   std::map<std::string, size_t> consumed_;
   std::vector<std::string> logs_;
 };

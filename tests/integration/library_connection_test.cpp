@@ -144,6 +144,18 @@ TEST_F(LibraryTest, ConnectingWhileTheBrokerIsDownSucceedsOnceItIsBack) {
   EXPECT_EQ(c.Next("disconnect"), DAXO_Error_Success);
 }
 
+TEST_F(LibraryTest, DisconnectingAnAttemptThatNeverCameUpReturns) {
+  LibraryClient c(env);
+  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
+  ASSERT_EQ(c.Next("provision"), DAXO_Error_Success);
+  env.StopBroker();
+  ASSERT_EQ(DAXO_Connect(c.Get()), DAXO_Error_Success);
+  EXPECT_EQ(DAXO_Disconnect(c.Get()), DAXO_Error_Success);
+  LibraryClient p(env);
+  ASSERT_EQ(DAXO_ProvisionClient(p.Get()), DAXO_Error_Success);
+  // Both deletions stop threads that never connected.
+}
+
 TEST_F(LibraryTest, ProvisioningWhileTheBrokerIsDownCompletesOnceItIsBack) {
   LibraryClient c(env);
   env.StopBroker();

@@ -32,6 +32,7 @@ class ClientTest : public ::testing::Test {
   FakeMqtt& Connected() {
     client_->mosq = FakeMqtt::Create(nullptr, "id", 1, client_);
     daxo::Store(client_->polling, 1);
+    daxo::Store(client_->mainWatch.connected, 1);
     return *FakeMqtt::Last();
   }
 

@@ -33,6 +33,10 @@ Agent::Agent(const BrokerSettings& broker, std::vector<Route> routes)
     : broker_(broker), routes_(std::move(routes)), mosq_(mosquitto_new("daxo-agent", true, this)) {
   if (mosq_ == nullptr) throw std::runtime_error("cannot create the MQTT client");
   Require(mosquitto_int_option(mosq_.get(), MOSQ_OPT_TCP_NODELAY, 1), "TCP_NODELAY");
+  // Publish is called from the control thread too. Unthreaded, libmosquitto
+  // would write to the TLS session on the caller's thread while Run reads
+  // from it; threaded, it queues the message and wakes Run's loop to write it.
+  Require(mosquitto_threaded_set(mosq_.get(), true), "threaded mode");
   Require(mosquitto_tls_set(mosq_.get(), broker_.caFile.c_str(), nullptr, broker_.certFile.c_str(),
                             broker_.keyFile.c_str(), nullptr),
           "TLS settings (check --cafile, --cert and --key)");
@@ -52,7 +56,17 @@ void Agent::Run(const std::function<bool()>& keepRunning) {
     WaitBeforeReconnect(keepRunning, rc);
     if (keepRunning()) rc = mosquitto_reconnect(mosq_.get());
   }
-  mosquitto_disconnect(mosq_.get());
+  Disconnect();
+}
+
+// In threaded mode the DISCONNECT packet is only queued: the loop has to run
+// until it is written, or the broker sees the connection drop instead.
+void Agent::Disconnect() {
+  if (mosquitto_disconnect(mosq_.get()) != MOSQ_ERR_SUCCESS) return;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (std::chrono::steady_clock::now() < deadline &&
+         mosquitto_loop(mosq_.get(), kLoopTimeoutMs, 1) == MOSQ_ERR_SUCCESS) {
+  }
 }
 
 // libmosquitto's own loop gives up for good on a TLS failure, but a broker
@@ -68,13 +82,14 @@ void Agent::WaitBeforeReconnect(const std::function<bool()>& keepRunning, int rc
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
-void Agent::Publish(const std::string& topic, std::string_view payload) {
+bool Agent::Publish(const std::string& topic, std::string_view payload) {
   int rc = mosquitto_publish(mosq_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
                              payload.data(), kQos, false);
   if (rc == MOSQ_ERR_SUCCESS)
     Log("sent " + topic + " " + DescribePayload(payload));
   else
     Log("cannot send " + topic + ": " + mosquitto_strerror(rc));
+  return rc == MOSQ_ERR_SUCCESS;
 }
 
 void Agent::Subscribe() {

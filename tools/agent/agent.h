@@ -1,6 +1,7 @@
 // The agent's MQTT session: one connection to the broker with the agent's
 // client certificate, a routing table from topic filters to handlers, and
-// the publishing of replies. Everything runs on the thread that calls Run.
+// the publishing of replies. Handlers run on the thread that calls Run;
+// Publish may also be called from other threads.
 #ifndef DAXO_AGENT_AGENT_H
 #define DAXO_AGENT_AGENT_H
 
@@ -23,7 +24,8 @@ struct Message {
 class Outbox {
  public:
   virtual ~Outbox() = default;
-  virtual void Publish(const std::string& topic, std::string_view payload) = 0;
+  // True when the message was handed to the MQTT library.
+  virtual bool Publish(const std::string& topic, std::string_view payload) = 0;
   void PublishError(const std::string& topic, const ApiFault& fault) {
     Publish(topic, ErrorBody(fault));
   }
@@ -56,7 +58,7 @@ class Agent : public Outbox {
   // the broker is unreachable. keepRunning is polled several times a second.
   void Run(const std::function<bool()>& keepRunning);
 
-  void Publish(const std::string& topic, std::string_view payload) override;
+  bool Publish(const std::string& topic, std::string_view payload) override;
 
  private:
   static void OnConnect(mosquitto* mosq, void* self, int rc);
@@ -67,6 +69,7 @@ class Agent : public Outbox {
   void Subscribe();
   void Dispatch(const Message& message);
   void WaitBeforeReconnect(const std::function<bool()>& keepRunning, int rc);
+  void Disconnect();
 
   BrokerSettings broker_;
   std::vector<Route> routes_;

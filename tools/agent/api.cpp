@@ -5,10 +5,8 @@ namespace daxo_agent {
 std::string ErrorBody(const ApiFault& fault) {
   JsonPtr body(json_object_new_object());
   json_object_object_add(body.get(), "errorcode", json_object_new_int(fault.code));
-  json_object_object_add(
-      body.get(), "errorMessage",
-      json_object_new_string_len(fault.message.data(), static_cast<int>(fault.message.size())));
-  return json_object_to_json_string_ext(body.get(), JSON_C_TO_STRING_PLAIN);
+  json_object_object_add(body.get(), "errorMessage", NewJsonString(fault.message));
+  return PlainText(body.get());
 }
 
 JsonPtr ParseObject(std::string_view payload, ApiFault& fault) {
@@ -42,6 +40,15 @@ std::optional<std::string> StringMember(json_object* object, const char* key, Ap
   }
   return std::string(json_object_get_string(member),
                      static_cast<std::size_t>(json_object_get_string_len(member)));
+}
+
+json_object* NewJsonString(std::string_view text) {
+  return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+std::string PlainText(json_object* value) {
+  return json_object_to_json_string_ext(value,
+                                        JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
 }  // namespace daxo_agent

@@ -18,6 +18,11 @@ enum ApiError : int {
   kJsonIsNotAnObject = 5,
   kMissingParameter = 6,
   kParameterIsNotAString = 7,
+  kUnknownValueUnit = 12,
+  kUnknownMetricType = 13,
+  kValueUnitOrValueTypeHasToBeProvided = 14,
+  kUnknownSensorId = 15,
+  kUnknownMetricId = 16,
   kCertificateFormatError = 20,
   kCertificateIsEmpty = 21,
   kCertificateWithoutCommonName = 22,
@@ -38,6 +43,12 @@ JsonPtr ParseObject(std::string_view payload, ApiFault& fault);
 
 // The text of a required string member.
 std::optional<std::string> StringMember(json_object* object, const char* key, ApiFault& fault);
+
+// A JSON string that may hold NUL bytes; the caller owns it.
+json_object* NewJsonString(std::string_view text);
+
+// The one-line text of a value, as every reply carries it.
+std::string PlainText(json_object* value);
 
 }  // namespace daxo_agent
 

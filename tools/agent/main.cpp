@@ -2,6 +2,7 @@
 // libdaxoclient while no device agent is at hand.
 #include <mosquitto.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -9,9 +10,12 @@
 #include "agent.h"
 #include "certificate_authority.h"
 #include "connection_check.h"
+#include "control.h"
+#include "control_socket.h"
 #include "log.h"
 #include "options.h"
 #include "provisioning.h"
+#include "sensors.h"
 #include "store.h"
 
 namespace {
@@ -42,7 +46,11 @@ int Serve(const daxo_agent::Options& options) {
   Provisioning provisioning(ca, store, std::chrono::days(options.certDays));
   std::vector<Route> routes = provisioning.Routes();
   for (Route& route : ConnectionCheckRoutes()) routes.push_back(std::move(route));
+  for (Route& route : SensorRoutes(store)) routes.push_back(std::move(route));
   Agent agent(options.broker, std::move(routes));
+  Control control(store, agent);
+  ControlSocket socket(options.ControlPath(),
+                       [&control](std::string_view line) { return control.Execute(line); });
   agent.Run([&store] {
     if (gDump != 0) {
       gDump = 0;
@@ -52,6 +60,28 @@ int Serve(const daxo_agent::Options& options) {
   });
   Log("stopped");
   return 0;
+}
+
+// The client side of the control socket: one command, its answer on stdout.
+int SendCommand(const daxo_agent::Options& options) {
+  std::string line;
+  for (const std::string& word : options.command) line += (line.empty() ? "" : " ") + word;
+  // A definition pasted from a file spans lines; in JSON they are blanks.
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  std::string answer;
+  try {
+    answer = daxo_agent::SendControlCommand(options.ControlPath(), line, std::chrono::seconds(30));
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "daxo-agent: %s\n", e.what());
+    return 1;
+  }
+  std::puts(answer.c_str());
+  daxo_agent::JsonPtr parsed(json_tokener_parse(answer.c_str()));
+  json_object* ok = nullptr;
+  bool done = json_object_object_get_ex(parsed.get(), "ok", &ok) &&
+              json_object_is_type(ok, json_type_boolean) && json_object_get_boolean(ok);
+  return done ? 0 : 1;
 }
 
 }  // namespace
@@ -66,6 +96,8 @@ int main(int argc, char** argv) {
     case daxo_agent::ParseResult::kError:
       std::fprintf(stderr, "daxo-agent: %s (see --help)\n", error.c_str());
       return 2;
+    case daxo_agent::ParseResult::kControl:
+      return SendCommand(options);
     case daxo_agent::ParseResult::kRun:
       break;
   }

@@ -52,6 +52,11 @@ constexpr OptionSetter kOptions[] = {
      }},
     {"--cert-days",
      [](Options& o, const std::string& v) { return ParseNumber(v, 1, 36500, o.certDays); }},
+    {"--control",
+     [](Options& o, const std::string& v) {
+       o.controlPath = v;
+       return !v.empty();
+     }},
 };
 
 const OptionSetter* FindOption(std::string_view name) {
@@ -66,6 +71,10 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
   for (int i = 1; i < argc; ++i) {
     std::string_view name = argv[i];
     if (name == "--help" || name == "-h") return ParseResult::kHelp;
+    if (!name.starts_with("-")) {
+      options.command.assign(argv + i, argv + argc);
+      return ParseResult::kControl;
+    }
     const OptionSetter* option = FindOption(name);
     if (option == nullptr) {
       error = "unknown option " + std::string(name);
@@ -86,6 +95,7 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
 
 const char* Usage() {
   return R"(Usage: daxo-agent --cafile FILE --cert FILE --key FILE [options]
+       daxo-agent [--control PATH | --state DIR] COMMAND...
 
 A development stand-in for the device's IoT agent. It issues client
 certificates from its own certificate authority and answers the requests
@@ -101,11 +111,34 @@ that clients publish on the agent's MQTT broker.
                       ca.key; both are created, in a folder of mode 0700, when
                       absent (default ./daxo-agent-state)
   --cert-days N       validity of issued client certificates (default 365)
+  --control PATH      the agent's control socket, a Unix socket of mode 0600
+                      (default DIR/control.sock in the --state folder)
   --help              this text
 
 The agent logs one line per event on stdout and prints "daxo-agent: ready"
 once it serves. SIGINT and SIGTERM stop it; SIGUSR1 prints its registry of
 clients as JSON.
+
+Given a COMMAND, daxo-agent sends it to the agent that runs with the same
+control socket, prints the one-line JSON answer and exits with 0 when the
+answer's "ok" is true, 1 otherwise. The words of the command are joined by
+spaces, and line breaks become spaces too. Commands:
+
+  job-create CLIENT_ID DEFINITION
+      creates a sensor for the client and sends it the sensor job; the
+      DEFINITION is JSON: "name", "metrics" (an array, possibly empty, of
+      {"name", "valueUnit"} or {"name", "valueType", "valueAnnotation"}),
+      and optionally "frequency", and "monitoringService" or "pluginName"
+      with "pluginDownloadUrl" and "pluginParams". The answer holds the
+      sensor with the ids the agent assigned.
+  job-delete CLIENT_ID SENSOR_ID
+      removes the sensor and sends the client the sensor deletion job.
+  dump
+      the registry: clients, their sensors, metrics and last values.
+
+Example:
+  daxo-agent --state DIR job-create kitchen-1a2b3c \
+    '{"name":"oven","metrics":[{"name":"t","valueUnit":"SI.Temperature.CELSIUS"}]}'
 )";
 }
 

@@ -3,6 +3,7 @@
 #define DAXO_AGENT_OPTIONS_H
 
 #include <string>
+#include <vector>
 
 #include "agent.h"
 
@@ -12,9 +13,17 @@ struct Options {
   BrokerSettings broker{"localhost", 8883, {}, {}, {}, 30};
   std::string stateDir = "daxo-agent-state";
   int certDays = 365;
+  std::string controlPath;  // empty: control.sock in stateDir
+  // The words of a control command to send to a running agent.
+  std::vector<std::string> command;
+
+  std::string ControlPath() const {
+    return controlPath.empty() ? stateDir + "/control.sock" : controlPath;
+  }
 };
 
-enum class ParseResult { kRun, kHelp, kError };
+// kControl: options.command holds a command for a running agent.
+enum class ParseResult { kRun, kControl, kHelp, kError };
 
 // On kError, error says what is wrong.
 ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& error);

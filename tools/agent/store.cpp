@@ -1,6 +1,11 @@
 #include "store.h"
 
-#include "openssl_handles.h"
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <stdexcept>
 
 namespace daxo_agent {
 namespace {
@@ -14,36 +19,140 @@ std::string IsoTime(std::time_t t) {
 }
 
 void AddString(json_object* object, const char* key, const std::string& value) {
-  json_object_object_add(object, key,
-                         json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+  json_object_object_add(object, key, NewJsonString(value));
 }
 
-json_object* ClientJson(const ClientRecord& record) {
-  json_object* client = json_object_new_object();
-  AddString(client, "id", record.id);
+// Short enough to type in a control command, long enough never to repeat
+// among one client's sensors in practice; callers still check.
+std::string RandomId(const char* prefix) {
+  unsigned char bytes[4];
+  if (RAND_bytes(bytes, sizeof bytes) != 1) throw std::runtime_error("no random bytes");
+  char text[16];
+  std::snprintf(text, sizeof text, "%s%02x%02x%02x%02x", prefix, bytes[0], bytes[1], bytes[2],
+                bytes[3]);
+  return text;
+}
+
+template <class Taken>
+std::string UniqueId(const char* prefix, Taken taken) {
+  for (;;) {
+    std::string id = RandomId(prefix);
+    if (!taken(id)) return id;
+  }
+}
+
+void AddCertificate(json_object* client, const ClientRecord& record) {
   AddString(client, "requestedName", record.requestedName);
   AddString(client, "organisation", record.organisation);
   AddString(client, "serial", record.serial);
   AddString(client, "issuedAt", IsoTime(record.issuedAt));
   AddString(client, "notAfter", IsoTime(record.notAfter));
-  return client;
+}
+
+// Works on the map and on a const map alike.
+template <class SensorMap>
+auto FindIn(SensorMap& sensors, const std::string& clientId, const std::string& sensorId)
+    -> decltype(&sensors.begin()->second.front()) {
+  auto client = sensors.find(clientId);
+  if (client == sensors.end()) return nullptr;
+  auto sensor = std::find_if(client->second.begin(), client->second.end(),
+                             [&sensorId](const Sensor& s) { return s.id == sensorId; });
+  return sensor == client->second.end() ? nullptr : &*sensor;
 }
 
 }  // namespace
 
+std::string NewMetricId(const Sensor& sensor) {
+  return UniqueId("m-", [&sensor](const std::string& id) {
+    return std::any_of(sensor.metrics.begin(), sensor.metrics.end(),
+                       [&id](const Metric& metric) { return metric.id == id; });
+  });
+}
+
+bool Store::HasClient(const std::string& id) const {
+  std::lock_guard lock(mutex_);
+  return clients_.count(id) != 0;
+}
+
 void Store::AddClient(ClientRecord record) {
+  std::lock_guard lock(mutex_);
   std::string id = record.id;
   clients_.insert_or_assign(std::move(id), std::move(record));
 }
 
-bool Store::RemoveClient(const std::string& id) { return clients_.erase(id) != 0; }
-
-std::string Store::ToJson() const {
-  JsonPtr root(json_object_new_object());
-  json_object* clients = json_object_new_array();
-  for (const auto& [id, record] : clients_) json_object_array_add(clients, ClientJson(record));
-  json_object_object_add(root.get(), "clients", clients);
-  return json_object_to_json_string_ext(root.get(), JSON_C_TO_STRING_PLAIN);
+bool Store::RemoveClient(const std::string& id) {
+  std::lock_guard lock(mutex_);
+  sensors_.erase(id);
+  return clients_.erase(id) != 0;
 }
+
+Sensor Store::AddSensor(const std::string& clientId, Sensor sensor) {
+  std::lock_guard lock(mutex_);
+  std::vector<Sensor>& sensors = sensors_[clientId];
+  sensor.id = UniqueId("s-", [&sensors](const std::string& id) {
+    return std::any_of(sensors.begin(), sensors.end(),
+                       [&id](const Sensor& known) { return known.id == id; });
+  });
+  for (Metric& metric : sensor.metrics)
+    if (metric.id.empty()) metric.id = NewMetricId(sensor);
+  sensors.push_back(sensor);
+  return sensor;
+}
+
+bool Store::ChangeSensor(const std::string& clientId, const std::string& sensorId,
+                         const std::function<void(Sensor&)>& change) {
+  std::lock_guard lock(mutex_);
+  Sensor* sensor = FindIn(sensors_, clientId, sensorId);
+  if (sensor != nullptr) change(*sensor);
+  return sensor != nullptr;
+}
+
+bool Store::RemoveSensor(const std::string& clientId, const std::string& sensorId) {
+  std::lock_guard lock(mutex_);
+  auto client = sensors_.find(clientId);
+  if (client == sensors_.end()) return false;
+  std::size_t removed = std::erase_if(
+      client->second, [&sensorId](const Sensor& sensor) { return sensor.id == sensorId; });
+  return removed != 0;
+}
+
+std::optional<Sensor> Store::FindSensor(const std::string& clientId,
+                                        const std::string& sensorId) const {
+  std::lock_guard lock(mutex_);
+  const Sensor* sensor = FindIn(sensors_, clientId, sensorId);
+  if (sensor == nullptr) return std::nullopt;
+  return *sensor;
+}
+
+std::vector<Sensor> Store::Sensors(const std::string& clientId) const {
+  std::lock_guard lock(mutex_);
+  auto client = sensors_.find(clientId);
+  return client == sensors_.end() ? std::vector<Sensor>{} : client->second;
+}
+
+JsonPtr Store::Registry() const {
+  std::lock_guard lock(mutex_);
+  std::set<std::string> ids;
+  for (const auto& [id, record] : clients_) ids.insert(id);
+  for (const auto& [id, sensors] : sensors_) ids.insert(id);
+  json_object* clients = json_object_new_array();
+  for (const std::string& id : ids) {
+    json_object* client = json_object_new_object();
+    AddString(client, "id", id);
+    if (auto record = clients_.find(id); record != clients_.end())
+      AddCertificate(client, record->second);
+    json_object* sensors = json_object_new_array();
+    if (auto known = sensors_.find(id); known != sensors_.end())
+      for (const Sensor& sensor : known->second)
+        json_object_array_add(sensors, DescribeSensor(sensor, MetricDetail::kFull).release());
+    json_object_object_add(client, "sensors", sensors);
+    json_object_array_add(clients, client);
+  }
+  JsonPtr root(json_object_new_object());
+  json_object_object_add(root.get(), "clients", clients);
+  return root;
+}
+
+std::string Store::ToJson() const { return PlainText(Registry().get()); }
 
 }  // namespace daxo_agent

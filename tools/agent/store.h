@@ -1,11 +1,20 @@
-// What the agent knows about its clients. Everything lives in memory: a
-// restarted agent starts empty, while the certificates it issued stay valid.
+// What the agent knows about its clients and their sensors. Everything lives
+// in memory: a restarted agent starts empty, while the certificates it issued
+// stay valid. The MQTT thread and the control thread share the store, so
+// every member function takes its lock and hands out copies.
 #ifndef DAXO_AGENT_STORE_H
 #define DAXO_AGENT_STORE_H
 
 #include <ctime>
+#include <functional>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
+
+#include "openssl_handles.h"
+#include "sensor_description.h"
 
 namespace daxo_agent {
 
@@ -18,18 +27,40 @@ struct ClientRecord {
   std::time_t notAfter = 0;
 };
 
+// An id that no metric of the sensor has yet.
+std::string NewMetricId(const Sensor& sensor);
+
 class Store {
  public:
-  bool HasClient(const std::string& id) const { return clients_.count(id) != 0; }
+  bool HasClient(const std::string& id) const;
   void AddClient(ClientRecord record);
-  // False when the id was not known.
+  // False when the id was not known. The client's sensors go with it.
   bool RemoveClient(const std::string& id);
 
-  // The whole registry as one line of JSON, for demos and debugging.
+  // Sensors are kept for any client id: a client may hold a certificate
+  // from an earlier run of the agent. They keep the order of creation.
+  //
+  // Assigns the sensor's id, and the ids of its metrics that have none;
+  // returns the sensor as stored.
+  Sensor AddSensor(const std::string& clientId, Sensor sensor);
+  // Runs change on the stored sensor under the lock; false when the sensor
+  // is not known.
+  bool ChangeSensor(const std::string& clientId, const std::string& sensorId,
+                    const std::function<void(Sensor&)>& change);
+  bool RemoveSensor(const std::string& clientId, const std::string& sensorId);
+  std::optional<Sensor> FindSensor(const std::string& clientId, const std::string& sensorId) const;
+  std::vector<Sensor> Sensors(const std::string& clientId) const;
+
+  // The whole registry, {"clients": [...]}, each client with the details of
+  // its certificate when this run issued it, and its sensors and metrics
+  // with their last values: for demos and debugging.
+  JsonPtr Registry() const;
   std::string ToJson() const;
 
  private:
+  mutable std::mutex mutex_;
   std::map<std::string, ClientRecord> clients_;
+  std::map<std::string, std::vector<Sensor>> sensors_;
 };
 
 }  // namespace daxo_agent
