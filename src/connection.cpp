@@ -103,15 +103,10 @@ DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
 DAXO_Error StartMain(DAXO_Client* client, MosquittoInterface* mi) noexcept {
   daxo::LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
                   client->mqttPort, client->mqttKeepAlive);
-  daxo::WatchAttempt(client->mainWatch);
   daxo::Store(client->mainWatch.lossReported, 0);
-  int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, client->mqttPort,
-                                             client->mqttKeepAlive);
-  if (rc != MOSQ_ERR_SUCCESS) return daxo::ConnectResultToError(rc);
-  rc = mi->mosquittoLoopStartFunction(mi);
-  if (rc != MOSQ_ERR_SUCCESS) return daxo::LoopStartResultToError(rc);
-  daxo::Store(client->polling, 1);
-  return DAXO_Error_Success;
+  DAXO_Error err = daxo::StartAttempt(client, mi, client->mqttPort, client->mainWatch);
+  if (err == DAXO_Error_Success) daxo::Store(client->polling, 1);
+  return err;
 }
 
 DAXO_Error Connect(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {

@@ -31,12 +31,8 @@ void Restart(DAXO_Client* client, MosquittoInterface* mi, int port,
                   port);
   mi->mosquittoDisconnectFunction(mi);
   mi->mosquittoLoopStopFunction(mi, 1);
-  daxo::WatchAttempt(watch);
-  int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, port, client->mqttKeepAlive);
-  if (rc == MOSQ_ERR_SUCCESS) rc = mi->mosquittoLoopStartFunction(mi);
-  if (rc != MOSQ_ERR_SUCCESS)
-    daxo::LogFormat(client, "Connection to %s:%d failed to start: %s", client->mqttHost, port,
-                    mosquitto_strerror(rc));
+  if (daxo::StartAttempt(client, mi, port, watch) != DAXO_Error_Success)
+    daxo::LogFormat(client, "Connection to %s:%d failed to start", client->mqttHost, port);
 }
 
 // True when the main connection is stalled and the application has not yet
@@ -82,6 +78,15 @@ void WatchConnected(ConnectionWatch& watch) noexcept {
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept {
   if (reported) Store(watch.lossReported, 1);
   WatchAttempt(watch);
+}
+
+DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
+                        ConnectionWatch& watch) noexcept {
+  WatchAttempt(watch);
+  int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, port, client->mqttKeepAlive);
+  if (rc != MOSQ_ERR_SUCCESS) return ConnectResultToError(rc);
+  rc = mi->mosquittoLoopStartFunction(mi);
+  return LoopStartResultToError(rc);
 }
 
 void SuperviseConnections(DAXO_Client* client) noexcept {

@@ -262,14 +262,10 @@ DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto)
   mi->mosquittMessageCallbackSetFunction(mi, ProvisionMessageCallback);
   if (mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, nullptr, nullptr, nullptr) != 0)
     return DAXO_Error_TlsSetFailed;
-  daxo::WatchAttempt(client->provisionWatch);
-  int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, client->mqttProvisionPort,
-                                             client->mqttKeepAlive);
-  if (rc != MOSQ_ERR_SUCCESS) return daxo::ConnectResultToError(rc);
-  rc = mi->mosquittoLoopStartFunction(mi);
-  if (rc != MOSQ_ERR_SUCCESS) return daxo::LoopStartResultToError(rc);
-  daxo::Store(client->provisionLoopStarted, 1);
-  return DAXO_Error_Success;
+  DAXO_Error err =
+      daxo::StartAttempt(client, mi, client->mqttProvisionPort, client->provisionWatch);
+  if (err == DAXO_Error_Success) daxo::Store(client->provisionLoopStarted, 1);
+  return err;
 }
 
 }  // namespace

@@ -288,6 +288,8 @@ DAXO_EXPORT int DeleteCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
 #ifdef __cplusplus
 }
 
+#include <cstdarg>
+
 #include "c_handles.h"
 
 namespace daxo {
@@ -333,6 +335,8 @@ const char* Render(const json_object* body, DAXO_Error* err) noexcept;
 // tree, levels being formatted like printf below "/v1.0/<clientId>/".
 DAXO_Error Request(DAXO_Client* client, const json_object* body, const char* levels, ...) noexcept
     __attribute__((format(printf, 3, 4)));
+DAXO_Error RequestV(DAXO_Client* client, const json_object* body, const char* levels,
+                    va_list args) noexcept __attribute__((format(printf, 3, 0)));
 
 // The sensor requests after their guard clauses.
 DAXO_Error CreateSensor(DAXO_Client* client, const char* name) noexcept;
@@ -377,6 +381,10 @@ class MutexLock {
 void WatchAttempt(ConnectionWatch& watch) noexcept;  // an attempt starts now
 void WatchConnected(ConnectionWatch& watch) noexcept;
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
+// Connects mi asynchronously to port and starts its network thread, as an
+// attempt watch looks after.
+DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
+                        ConnectionWatch& watch) noexcept;
 // Restarts the attempts of the instances that make no progress; run by the
 // watch thread.
 void SuperviseConnections(DAXO_Client* client) noexcept;

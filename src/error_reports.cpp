@@ -18,12 +18,9 @@ DAXO_Error ReportError(DAXO_Client* client, const char* codeMember, int error,
     return err;
   va_list args;
   va_start(args, levels);
-  char* formatted = nullptr;
-  int n = vasprintf(&formatted, levels, args);
+  err = RequestV(client, body.get(), levels, args);
   va_end(args);
-  if (n < 0) return DAXO_Error_NoMemory;
-  CStr owned(formatted);
-  return Request(client, body.get(), "%s", formatted);
+  return err;
 }
 
 }  // namespace daxo

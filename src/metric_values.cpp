@@ -26,6 +26,16 @@ DAXO_Error Append(DAXO_MetricValueContainer* container, const char* metricId,
   return DAXO_Error_Success;
 }
 
+template <class Set>
+DAXO_Error AddValue(DAXO_MetricValueContainer* container, const char* metricId,
+                    DAXO_ValueType type, Set set) noexcept {
+  if (container == nullptr || metricId == nullptr) return DAXO_Error_InvalidArguments;
+  MetricValue v{};
+  v.type = type;
+  set(v);
+  return Append(container, metricId, v);
+}
+
 json_object* JsonValue(const MetricValue& v) noexcept {
   switch (v.type) {
     case DAXO_ValueType_Integer:
@@ -81,29 +91,20 @@ DAXO_Error DAXO_DestroyMetricValueContainer(DAXO_MetricValueContainer* container
 
 DAXO_Error DAXO_AddIntegerMetricValue(DAXO_MetricValueContainer* container, int64_t value,
                                       const char* metricId) noexcept {
-  if (container == nullptr || metricId == nullptr) return DAXO_Error_InvalidArguments;
-  MetricValue v{};
-  v.type = DAXO_ValueType_Integer;
-  v.intValue = value;
-  return Append(container, metricId, v);
+  return AddValue(container, metricId, DAXO_ValueType_Integer,
+                  [value](MetricValue& v) { v.intValue = value; });
 }
 
 DAXO_Error DAXO_AddDoubleMetricValue(DAXO_MetricValueContainer* container, double value,
                                      const char* metricId) noexcept {
-  if (container == nullptr || metricId == nullptr) return DAXO_Error_InvalidArguments;
-  MetricValue v{};
-  v.type = DAXO_ValueType_Double;
-  v.doubleValue = value;
-  return Append(container, metricId, v);
+  return AddValue(container, metricId, DAXO_ValueType_Double,
+                  [value](MetricValue& v) { v.doubleValue = value; });
 }
 
 DAXO_Error DAXO_AddBoolMetricValue(DAXO_MetricValueContainer* container, int value,
                                    const char* metricId) noexcept {
-  if (container == nullptr || metricId == nullptr) return DAXO_Error_InvalidArguments;
-  MetricValue v{};
-  v.type = DAXO_ValueType_Bool;
-  v.boolValue = value;
-  return Append(container, metricId, v);
+  return AddValue(container, metricId, DAXO_ValueType_Bool,
+                  [value](MetricValue& v) { v.boolValue = value; });
 }
 
 DAXO_Error DAXO_AddStringMetricValue(DAXO_MetricValueContainer* container, const char* value,

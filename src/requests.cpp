@@ -55,10 +55,15 @@ DAXO_Error Request(DAXO_Client* client, const json_object* body, const char* lev
                    ...) noexcept {
   va_list args;
   va_start(args, levels);
-  char* formatted = nullptr;
-  int n = vasprintf(&formatted, levels, args);
+  DAXO_Error err = RequestV(client, body, levels, args);
   va_end(args);
-  if (n < 0) return DAXO_Error_NoMemory;
+  return err;
+}
+
+DAXO_Error RequestV(DAXO_Client* client, const json_object* body, const char* levels,
+                    va_list args) noexcept {
+  char* formatted = nullptr;
+  if (vasprintf(&formatted, levels, args) < 0) return DAXO_Error_NoMemory;
   CStr ownedLevels(formatted);
   CStr topic = Format("/%s/%s/%s", kApiVersion, client->clientId, formatted);
   if (!topic) return DAXO_Error_NoMemory;
