@@ -102,9 +102,41 @@ std::string Describe(const DAXO_SensorMetadata& s) {
   return text;
 }
 
+std::string Describe(const DAXO_MetricMetadata& m) {
+  std::string kind = m.valueUnit != DAXO_ValueUnit_NoUnit
+                         ? "unit " + std::to_string(m.valueUnit)
+                         : "type " + std::to_string(m.valueType) + " " + Str(m.valueAnnotation);
+  return Str(m.id) + "|" + Str(m.name) + "|" + kind + "|" + Str(m.value) + "|" +
+         std::to_string(m.lastUpdated);
+}
+
+std::string Describe(const DAXO_CreatedMetrics& created) {
+  std::string text = Str(created.sensorId);
+  for (int i = 0; i < created.metricsCount; ++i)
+    text += "|" + Str(created.metrics[i].matchingId) + "=" + Str(created.metrics[i].metricId);
+  return text;
+}
+
 }  // namespace
 
 void LibraryClient::SetReplyCallbacks() {
+  DAXO_CreateMetricsCallbackSet(client_, [](DAXO_Client*, void* self,
+                                            DAXO_CreatedMetrics* created, DAXO_ApiError err) {
+    Self(self).Record("createMetrics", err, created != nullptr ? Describe(*created) : "null");
+    DAXO_DestroyCreatedMetrics(created);
+  });
+  DAXO_UpdateMetricsCallbackSet(client_, [](DAXO_Client*, void* self, const char* id,
+                                            DAXO_ApiError err) {
+    Self(self).Record("updateMetrics", err, Str(id));
+  });
+  DAXO_DeleteMetricsCallbackSet(client_, [](DAXO_Client*, void* self, const char* id,
+                                            DAXO_ApiError err) {
+    Self(self).Record("deleteMetrics", err, Str(id));
+  });
+  DAXO_PushMetricValuesCallbackSet(client_, [](DAXO_Client*, void* self, const char* id,
+                                               DAXO_ApiError err) {
+    Self(self).Record("pushMetricValues", err, Str(id));
+  });
   DAXO_CreateSensorCallbackSet(client_, [](DAXO_Client*, void* self, const char* name,
                                            const char* id, DAXO_ApiError err) {
     Self(self).Record("createSensor", err, Str(name) + "|" + Str(id));
@@ -129,8 +161,7 @@ void LibraryClient::SetReplyCallbacks() {
                                              DAXO_MetricMetadata* metric, void* self,
                                              DAXO_ApiError err) {
     std::string text = Str(sensorId);
-    if (metric != nullptr)
-      text += "|" + Str(metric->id) + "|" + Str(metric->name) + "|" + Str(metric->value);
+    if (metric != nullptr) text += "|" + Describe(*metric);
     Self(self).Record("describeMetric", err, text);
     DAXO_DestroyMetricMetadata(metric);
   });

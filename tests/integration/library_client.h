@@ -35,7 +35,9 @@ class LibraryClient {
   std::optional<int> Next(const std::string& name,
                           std::chrono::seconds timeout = std::chrono::seconds(20));
   // The same with what the callback carried, summarised as text: the
-  // sensor id, "name|id", or the records' contents.
+  // sensor id, "name|id", or the records' contents: a described metric as
+  // "sensorId|id|name|unit U" or "...|type T annotation", then
+  // "|value|lastUpdated"; created metrics as "sensorId|matchingId=metricId|...".
   struct Event {
     int code;
     std::string text;

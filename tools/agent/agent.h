@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "api.h"
@@ -21,6 +22,9 @@ struct Message {
   std::string payload;
 };
 
+// The body of a success reply, or what the error reply says.
+using Answer = std::variant<std::string, ApiFault>;
+
 class Outbox {
  public:
   virtual ~Outbox() = default;
@@ -28,6 +32,15 @@ class Outbox {
   virtual bool Publish(const std::string& topic, std::string_view payload) = 0;
   void PublishError(const std::string& topic, const ApiFault& fault) {
     Publish(topic, ErrorBody(fault));
+  }
+  // Replies hang below base: a success on base + successSuffix, a fault
+  // always on base + "/error/inbox".
+  void PublishAnswer(const std::string& base, std::string_view successSuffix,
+                     const Answer& answer) {
+    if (const ApiFault* fault = std::get_if<ApiFault>(&answer))
+      PublishError(base + "/error/inbox", *fault);
+    else
+      Publish(base + std::string(successSuffix), std::get<std::string>(answer));
   }
 };
 

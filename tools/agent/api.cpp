@@ -1,5 +1,7 @@
 #include "api.h"
 
+#include <chrono>
+
 namespace daxo_agent {
 
 std::string ErrorBody(const ApiFault& fault) {
@@ -40,6 +42,24 @@ std::optional<std::string> StringMember(json_object* object, const char* key, Ap
   }
   return std::string(json_object_get_string(member),
                      static_cast<std::size_t>(json_object_get_string_len(member)));
+}
+
+json_object* ArrayMember(json_object* object, const char* key, ApiFault& fault) {
+  json_object* member = nullptr;
+  if (!json_object_object_get_ex(object, key, &member)) {
+    fault = {kMissingParameter, std::string("missing parameter \"") + key + "\""};
+    return nullptr;
+  }
+  if (!json_object_is_type(member, json_type_array)) {
+    fault = {kParameterIsNotAnArray, std::string("parameter \"") + key + "\" is not an array"};
+    return nullptr;
+  }
+  return member;
+}
+
+std::int64_t NowMillis() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 json_object* NewJsonString(std::string_view text) {

@@ -3,6 +3,7 @@
 #ifndef DAXO_AGENT_API_H
 #define DAXO_AGENT_API_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,15 +19,24 @@ enum ApiError : int {
   kJsonIsNotAnObject = 5,
   kMissingParameter = 6,
   kParameterIsNotAString = 7,
+  kParameterIsNotANumber = 8,
+  kParameterIsNotABool = 9,
+  kParameterIsNotAnArray = 10,
+  kParameterIsNotAnInteger = 11,
   kUnknownValueUnit = 12,
   kUnknownMetricType = 13,
   kValueUnitOrValueTypeHasToBeProvided = 14,
   kUnknownSensorId = 15,
   kUnknownMetricId = 16,
+  kNoMetricsUpdated = 17,
   kCertificateFormatError = 20,
   kCertificateIsEmpty = 21,
   kCertificateWithoutCommonName = 22,
+  kDeleteMetricsFailed = 23,
+  kChangeMetricsFailed = 24,
   kInvalidClientName = 25,
+  kCreateMetricsFailed = 26,
+  kPushValuesFailed = 27,
 };
 
 struct ApiFault {
@@ -43,6 +53,12 @@ JsonPtr ParseObject(std::string_view payload, ApiFault& fault);
 
 // The text of a required string member.
 std::optional<std::string> StringMember(json_object* object, const char* key, ApiFault& fault);
+// A required array member, owned by object.
+json_object* ArrayMember(json_object* object, const char* key, ApiFault& fault);
+
+// Milliseconds since the epoch: the unit of every time stamp that clients
+// send or receive.
+std::int64_t NowMillis();
 
 // A JSON string that may hold NUL bytes; the caller owns it.
 json_object* NewJsonString(std::string_view text);

@@ -13,7 +13,8 @@
 //   job-delete CLIENT_ID SENSOR_ID    removes the sensor and sends "{}" on
 //       /v1.0/CLIENT_ID/sensor/SENSOR_ID/job/delete. Answer: {"ok":true}.
 //   dump                              Answer: {"ok":true,"clients":[...]},
-//       the registry with every client's sensors, metrics and last values.
+//       the registry with every client's sensors, metrics and last values,
+//       and the error reports it sent.
 #ifndef DAXO_AGENT_CONTROL_H
 #define DAXO_AGENT_CONTROL_H
 

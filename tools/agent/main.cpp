@@ -12,7 +12,9 @@
 #include "connection_check.h"
 #include "control.h"
 #include "control_socket.h"
+#include "error_reports.h"
 #include "log.h"
+#include "metrics.h"
 #include "options.h"
 #include "provisioning.h"
 #include "sensors.h"
@@ -47,6 +49,8 @@ int Serve(const daxo_agent::Options& options) {
   std::vector<Route> routes = provisioning.Routes();
   for (Route& route : ConnectionCheckRoutes()) routes.push_back(std::move(route));
   for (Route& route : SensorRoutes(store)) routes.push_back(std::move(route));
+  for (Route& route : MetricRoutes(store)) routes.push_back(std::move(route));
+  for (Route& route : ErrorReportRoutes(store)) routes.push_back(std::move(route));
   Agent agent(options.broker, std::move(routes));
   Control control(store, agent);
   ControlSocket socket(options.ControlPath(),

@@ -134,7 +134,15 @@ spaces, and line breaks become spaces too. Commands:
   job-delete CLIENT_ID SENSOR_ID
       removes the sensor and sends the client the sensor deletion job.
   dump
-      the registry: clients, their sensors, metrics and last values.
+      the registry: clients, their sensors, metrics and last values, and
+      the latest 100 error reports of each client.
+
+Pushed values must fit their metric, or the whole push is refused: a
+standard metric (with a value unit) and a "double" take a number (else
+error 8), an "integer" a whole number (11), a "bool" true or false (9), a
+"string" a string (7); NaN, Infinity and a "timestamp" before the epoch
+give 27. Time stamps are milliseconds since the epoch; a push without one
+is stamped with its arrival time.
 
 Example:
   daxo-agent --state DIR job-create kitchen-1a2b3c \

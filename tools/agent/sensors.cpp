@@ -1,12 +1,7 @@
 #include "sensors.h"
 
-#include <variant>
-
 namespace daxo_agent {
 namespace {
-
-// The body of a success reply, or what the error reply says.
-using Answer = std::variant<std::string, ApiFault>;
 
 // levels: "", "v1.0", client id, then the request's own levels.
 const std::string& ClientOf(const Message& m) { return m.levels.at(2); }
@@ -99,11 +94,7 @@ constexpr SensorRequest kRequests[] = {
 void Serve(const SensorRequest& request, Store& store, const Message& m, Outbox& out) {
   std::string base = m.topic;
   if (request.base == ReplyBase::kParent) base.erase(base.rfind('/'));
-  Answer answer = request.serve(store, m);
-  if (const ApiFault* fault = std::get_if<ApiFault>(&answer))
-    out.PublishError(base + "/error/inbox", *fault);
-  else
-    out.Publish(base + request.successSuffix, std::get<std::string>(answer));
+  out.PublishAnswer(base, request.successSuffix, request.serve(store, m));
 }
 
 }  // namespace

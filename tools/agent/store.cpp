@@ -49,6 +49,16 @@ void AddCertificate(json_object* client, const ClientRecord& record) {
   AddString(client, "notAfter", IsoTime(record.notAfter));
 }
 
+json_object* DescribeErrorReport(const ErrorReport& report) {
+  json_object* object = json_object_new_object();
+  if (report.sensorId) AddString(object, "sensorId", *report.sensorId);
+  if (report.metricId) AddString(object, "metricId", *report.metricId);
+  json_object_object_add(object, "errorcode", json_object_new_int(report.code));
+  AddString(object, "errorMessage", report.message);
+  json_object_object_add(object, "receivedAt", json_object_new_int64(report.receivedAt));
+  return object;
+}
+
 // Works on the map and on a const map alike.
 template <class SensorMap>
 auto FindIn(SensorMap& sensors, const std::string& clientId, const std::string& sensorId)
@@ -83,6 +93,7 @@ void Store::AddClient(ClientRecord record) {
 bool Store::RemoveClient(const std::string& id) {
   std::lock_guard lock(mutex_);
   sensors_.erase(id);
+  errorReports_.erase(id);
   return clients_.erase(id) != 0;
 }
 
@@ -130,11 +141,19 @@ std::vector<Sensor> Store::Sensors(const std::string& clientId) const {
   return client == sensors_.end() ? std::vector<Sensor>{} : client->second;
 }
 
+void Store::AddErrorReport(const std::string& clientId, ErrorReport report) {
+  std::lock_guard lock(mutex_);
+  std::vector<ErrorReport>& reports = errorReports_[clientId];
+  if (reports.size() == kKeptErrorReports) reports.erase(reports.begin());
+  reports.push_back(std::move(report));
+}
+
 JsonPtr Store::Registry() const {
   std::lock_guard lock(mutex_);
   std::set<std::string> ids;
   for (const auto& [id, record] : clients_) ids.insert(id);
   for (const auto& [id, sensors] : sensors_) ids.insert(id);
+  for (const auto& [id, reports] : errorReports_) ids.insert(id);
   json_object* clients = json_object_new_array();
   for (const std::string& id : ids) {
     json_object* client = json_object_new_object();
@@ -146,6 +165,11 @@ JsonPtr Store::Registry() const {
       for (const Sensor& sensor : known->second)
         json_object_array_add(sensors, DescribeSensor(sensor, MetricDetail::kFull).release());
     json_object_object_add(client, "sensors", sensors);
+    json_object* reports = json_object_new_array();
+    if (auto known = errorReports_.find(id); known != errorReports_.end())
+      for (const ErrorReport& report : known->second)
+        json_object_array_add(reports, DescribeErrorReport(report));
+    json_object_object_add(client, "errorReports", reports);
     json_object_array_add(clients, client);
   }
   JsonPtr root(json_object_new_object());

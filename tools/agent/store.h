@@ -5,6 +5,7 @@
 #ifndef DAXO_AGENT_STORE_H
 #define DAXO_AGENT_STORE_H
 
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <map>
@@ -25,6 +26,16 @@ struct ClientRecord {
   std::string serial;  // hexadecimal
   std::time_t issuedAt = 0;
   std::time_t notAfter = 0;
+};
+
+// An error that a client reported about itself, one of its sensors or one
+// of their metrics; the agent only records it.
+struct ErrorReport {
+  std::optional<std::string> sensorId;
+  std::optional<std::string> metricId;
+  int code = 0;  // the client's own number, meaningless to the agent
+  std::string message;
+  std::int64_t receivedAt = 0;  // milliseconds since the epoch
 };
 
 // An id that no metric of the sensor has yet.
@@ -51,9 +62,14 @@ class Store {
   std::optional<Sensor> FindSensor(const std::string& clientId, const std::string& sensorId) const;
   std::vector<Sensor> Sensors(const std::string& clientId) const;
 
+  // Keeps the latest kKeptErrorReports per client, so that a client stuck
+  // in a failure loop cannot grow the agent without bound.
+  static constexpr std::size_t kKeptErrorReports = 100;
+  void AddErrorReport(const std::string& clientId, ErrorReport report);
+
   // The whole registry, {"clients": [...]}, each client with the details of
-  // its certificate when this run issued it, and its sensors and metrics
-  // with their last values: for demos and debugging.
+  // its certificate when this run issued it, its sensors and metrics with
+  // their last values, and its error reports: for demos and debugging.
   JsonPtr Registry() const;
   std::string ToJson() const;
 
@@ -61,6 +77,7 @@ class Store {
   mutable std::mutex mutex_;
   std::map<std::string, ClientRecord> clients_;
   std::map<std::string, std::vector<Sensor>> sensors_;
+  std::map<std::string, std::vector<ErrorReport>> errorReports_;
 };
 
 }  // namespace daxo_agent
