@@ -16,6 +16,7 @@ bool Wait(DAXO_Client* client, time_t passDue) noexcept {
   // The flags are read under the mutex before waiting, so a stop or a new
   // connection announced before this point is never missed.
   if (client->certCheckThreadStop) return false;
+  if (client->renewalTask != RenewalTaskNone) return true;
   if (daxo::NeedsSupervision(client)) {
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += 1;
@@ -23,6 +24,16 @@ bool Wait(DAXO_Client* client, time_t passDue) noexcept {
   pthread_cond_timedwait(&client->certCheckThreadCondition, &client->certCheckThreadMutex,
                          &deadline);
   return client->certCheckThreadStop == 0;
+}
+
+// Takes the reconnection the renewal asked for, if any.
+int TakeRenewalTask(DAXO_Client* client, char** content) noexcept {
+  daxo::MutexLock lock(&client->certCheckThreadMutex);
+  int task = client->renewalTask;
+  *content = client->renewalContent;
+  client->renewalTask = RenewalTaskNone;
+  client->renewalContent = nullptr;
+  return task;
 }
 
 }  // namespace
@@ -36,6 +47,9 @@ extern "C" void* CertificateCheckingThread(void* param) noexcept {
       CheckCertificatesExpirationDates(client);
       passDue = time(nullptr) + kCheckPeriodSeconds;
     }
+    char* content = nullptr;
+    if (int task = TakeRenewalTask(client, &content); task != RenewalTaskNone)
+      daxo::RunRenewalTask(client, task, content);
     daxo::SuperviseConnections(client);
   }
   return nullptr;

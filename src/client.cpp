@@ -48,7 +48,8 @@ void DestroyClient(DAXO_Client* client) noexcept {
     client->destroyMosquittoClientFunction(client->mosqProvision);
   }
   for (char* text : {client->clientId, client->mqttHost, client->caFile, client->certFolder,
-                     client->clientName, client->provisionDigest, client->provisionCert})
+                     client->clientName, client->provisionDigest, client->provisionCert,
+                     client->renewalContent})
     free(text);
   FreeSecret(client->newKeyContent);
   pthread_mutex_destroy(&client->connectionMutex);

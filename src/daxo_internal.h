@@ -5,6 +5,8 @@
 #define DAXO_INTERNAL_H
 
 #include <pthread.h>
+#include <stddef.h>
+#include <time.h>
 
 #include "daxo_client.h"
 #include "mosquitto_interface.h"
@@ -85,7 +87,17 @@ struct DAXO_ClientTag {
   pthread_mutex_t connectionMutex;
   ConnectionWatch mainWatch;
   ConnectionWatch provisionWatch;
+
+  // A reconnection with new certificate files, asked for by the network
+  // thread and carried out by the watch thread (guarded by
+  // certCheckThreadMutex).
+  int renewalTask;       // RenewalTask
+  char* renewalContent;  // the new certificate or authority, PEM
+  DAXO_OnDisconnect preserveUserDefinedOnDisconnectCallback;
+  int renewalMutedOnDisconnect;  // OnDisconnect is held back for a renewal
 };
+
+enum RenewalTask { RenewalTaskNone = 0, RenewalTaskClientCertificate, RenewalTaskAuthority };
 
 struct DAXO_MetricSchemaContainerTag {
   struct json_object* mainJson;      // the whole request body
@@ -267,6 +279,32 @@ DAXO_EXPORT void StopCertificateCheckingThread(DAXO_Client* client) DAXO_NOEXCEP
 DAXO_EXPORT void* CertificateCheckingThread(void* param) DAXO_NOEXCEPT;
 DAXO_EXPORT DAXO_Error CheckCertificatesExpirationDates(DAXO_Client* client) DAXO_NOEXCEPT;
 
+// Certificate expiry check and renewal.
+DAXO_EXPORT DAXO_Error CheckClientCertificateExpirationDate(
+    DAXO_Client* client, OnCertificateRenewCallback callback) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error CheckCAExpirationDate(DAXO_Client* client,
+                                             OnCertificateRenewCallback callback) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error SendCertificateContentToCheckExpireDate(DAXO_Client* client,
+                                                               char* fileName) DAXO_NOEXCEPT;
+DAXO_EXPORT void CallOnCertificateRenewCallback(DAXO_Client* client, DAXO_Error err) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ProcessCheckExpireDateCommand(DAXO_Client* client, char** topics,
+                                                     const int topicCount, const char* message,
+                                                     const char* topic) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error ProcessNewCertificateCommand(DAXO_Client* client, char** topics,
+                                                    const int topicCount, const char* message,
+                                                    const char* topic) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error RenewClientCertificate(DAXO_Client* client) DAXO_NOEXCEPT;
+DAXO_EXPORT void CertificateRenewOnConnectCallback(DAXO_Client* client, void* callbackParameter,
+                                                   DAXO_Error err) DAXO_NOEXCEPT;
+DAXO_EXPORT const char* GetStringValueForKeyFromJson(struct json_object* objJson,
+                                                     const char* key) DAXO_NOEXCEPT;
+DAXO_EXPORT int WillDateExpireInDays(const char* dateStr, const int days) DAXO_NOEXCEPT;
+DAXO_EXPORT int IsDateExpired(const struct tm* date) DAXO_NOEXCEPT;
+DAXO_EXPORT int ParseDatePartsFromString(const char* dateStr, size_t sizeOfPart,
+                                         size_t from) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error WriteToCertificateFile(const char* filePath,
+                                              const char* content) DAXO_NOEXCEPT;
+
 // Provisioning and the certificate store.
 DAXO_EXPORT DAXO_Error ProvisionClientInternal(DAXO_Client* client,
                                                MosquittoInterface* mosquitto) DAXO_NOEXCEPT;
@@ -392,6 +430,9 @@ void SuperviseConnections(DAXO_Client* client) noexcept;
 bool NeedsSupervision(const DAXO_Client* client) noexcept;
 // Makes the watch thread re-read what it has to do.
 void WakeWatchThread(DAXO_Client* client) noexcept;
+
+// Carries out a reconnection the renewal asked for; run by the watch thread.
+void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept;
 
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;

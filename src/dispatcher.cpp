@@ -181,7 +181,17 @@ struct Area {
   DAXO_Error (*handler)(const Message&) noexcept;
 };
 
+DAXO_Error ProcessCheckExpireDate(const Message& m) noexcept {
+  return ProcessCheckExpireDateCommand(m.client, m.topics, m.count, m.payload, m.topic);
+}
+
+DAXO_Error ProcessRenewCertificate(const Message& m) noexcept {
+  return ProcessNewCertificateCommand(m.client, m.topics, m.count, m.payload, m.topic);
+}
+
 constexpr Area kAreas[] = {
+    {TopicIndexClientIdCheckExpireDate, "checkExpireDate", ProcessCheckExpireDate},
+    {TopicIndexClientIdRenewCertificate, "renewCertificate", ProcessRenewCertificate},
     {TopicIndexClientIdPing, "ping", ProcessPing},
     {TopicIndexClientIdInventory, "inventory", ProcessInventory},
     {TopicIndexClientIdSensor, "sensor", ProcessSensor},
