@@ -210,8 +210,9 @@ DAXO_Error ProcessNewCertificateCommand(DAXO_Client* client, char** topics, cons
 void CertificateRenewOnConnectCallback(DAXO_Client* client, void* /*callbackParameter*/,
                                        DAXO_Error err) noexcept {
   if (client == nullptr) return;
-  CallOnCertificateRenewCallback(client, err);
+  // Put back first: whoever hears of the outcome finds its callbacks again.
   RestoreApplicationCallbacks(client);
+  CallOnCertificateRenewCallback(client, err);
 }
 
 }  // extern "C"
@@ -235,8 +236,8 @@ void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept {
     err = DAXO_Connect(client);
   }
   if (err != DAXO_Error_Success) {
-    CallOnCertificateRenewCallback(client, err);
     RestoreApplicationCallbacks(client);
+    CallOnCertificateRenewCallback(client, err);
   }
 }
 

@@ -53,9 +53,11 @@ class LibraryClient {
   // Provisions and connects; true once both have reported success.
   bool ProvisionAndConnect();
 
+  // Records an event as the callbacks do, for callbacks a test installs.
+  void Record(const std::string& name, int code, std::string text = "");
+
  private:
   static LibraryClient& Self(void* p) { return *static_cast<LibraryClient*>(p); }
-  void Record(const std::string& name, int code, std::string text = "");
   void SetCallbacks();
   void SetReplyCallbacks();
 
