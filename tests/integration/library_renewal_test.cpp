@@ -102,3 +102,30 @@ TEST_F(LibraryRenewalTest, ACertificateFarFromExpiryIsLeftAlone) {
 
 }  // namespace
 }  // namespace daxo_test
+
+namespace daxo_test {
+namespace {
+
+// A renewal that stops between the key and the certificate leaves a pair
+// that does not belong together; the documented way back is a new identity.
+TEST_F(LibraryRenewalTest, AHalfFinishedRenewalIsRecoveredByProvisioningAgain) {
+  TestEnvironment env;
+  LibraryClient c(env);
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  ASSERT_EQ(DAXO_Disconnect(c.Get()), DAXO_Error_Success);
+  ASSERT_EQ(c.Next("disconnect"), DAXO_Error_Success);
+  std::string otherFolder = env.NewCertFolder();
+  env.IssueClientCertificate(otherFolder, {.commonName = "someone-else"});
+  std::ofstream(c.CertFolder() + "/priv_key.key") << ReadFile(otherFolder + "/priv_key.key");
+  ASSERT_FALSE(Inspect(c.CertFolder()).matches);
+
+  EXPECT_NE(DAXO_Connect(c.Get()), DAXO_Error_Success) << "TLS refuses the mismatched pair";
+
+  std::remove((c.CertFolder() + "/cert.crt").c_str());
+  std::remove((c.CertFolder() + "/priv_key.key").c_str());
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  EXPECT_TRUE(Inspect(c.CertFolder()).matches);
+}
+
+}  // namespace
+}  // namespace daxo_test
