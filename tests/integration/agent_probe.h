@@ -52,10 +52,9 @@ inline std::string Fill(std::string text,
 class AgentProbeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string folder = env_.NewCertFolder();
-    env_.IssueClientCertificate(folder, {.commonName = id_});
-    ASSERT_EQ(probe_.Connect(env_.Host(), env_.MainPort(), env_.CaFile(), folder + "/cert.crt",
-                             folder + "/priv_key.key"),
+    env_.IssueClientCertificate(certFolder_, {.commonName = id_});
+    ASSERT_EQ(probe_.Connect(env_.Host(), env_.MainPort(), env_.CaFile(), certFolder_ + "/cert.crt",
+                             certFolder_ + "/priv_key.key"),
               MqttProbe::Outcome::kConnected);
     ASSERT_EQ(probe_.Subscribe(tree_ + "/#"), 2);
   }
@@ -90,6 +89,7 @@ class AgentProbeTest : public ::testing::Test {
   }
 
   TestEnvironment env_;
+  std::string certFolder_ = env_.NewCertFolder();  // the probe's key and certificate
   std::string id_ = "greenhouse";
   std::string tree_ = "/v1.0/" + id_;
   MqttProbe probe_{id_};

@@ -54,14 +54,18 @@ void AddNameEntry(X509_NAME* name, int nid, const std::string& value) {
         std::string("subject entry ") + OBJ_nid2sn(nid));
 }
 
+void SetValidity(X509* cert, std::chrono::seconds validity) {
+  Check(X509_gmtime_adj(X509_getm_notBefore(cert), 0) != nullptr &&
+            X509_gmtime_adj(X509_getm_notAfter(cert), validity.count()) != nullptr,
+        "validity");
+}
+
 // A certificate with everything but issuer, extensions and signature.
 X509Ptr NewCertificate(EVP_PKEY* publicKey, std::chrono::seconds validity, std::string& serial) {
   X509Ptr cert(X509_new());
   Check(cert != nullptr && X509_set_version(cert.get(), X509_VERSION_3) == 1, "certificate");
   serial = SetRandomSerial(cert.get());
-  Check(X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0) != nullptr &&
-            X509_gmtime_adj(X509_getm_notAfter(cert.get()), validity.count()) != nullptr,
-        "validity");
+  SetValidity(cert.get(), validity);
   Check(X509_set_pubkey(cert.get(), publicKey) == 1, "public key");
   return cert;
 }
@@ -74,18 +78,24 @@ std::string ToPem(X509* cert) {
   return std::string(data, static_cast<std::size_t>(size));
 }
 
-std::time_t NotAfter(X509* cert) {
-  std::tm tm{};
-  Check(ASN1_TIME_to_tm(X509_get0_notAfter(cert), &tm) == 1, "expiry");
-  return timegm(&tm);
-}
-
 void WriteNewFile(const fs::path& path, const std::string& content, mode_t mode) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) throw std::runtime_error("cannot create " + path.string());
   bool written = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
   close(fd);
   if (!written) throw std::runtime_error("cannot write " + path.string());
+}
+
+// The file is never missing, whenever the agent stops: it holds the old
+// content or the new one. The old one stays next to it as PATH.previous.
+void ReplaceFile(const fs::path& path, const std::string& content, mode_t mode) {
+  fs::path fresh = path, previous = path;
+  fresh += ".new";
+  previous += ".previous";
+  fs::remove(fresh);
+  WriteNewFile(fresh, content, mode);
+  fs::copy_file(path, previous, fs::copy_options::overwrite_existing);
+  fs::rename(fresh, path);
 }
 
 BioPtr OpenForReading(const fs::path& path) {
@@ -125,6 +135,12 @@ void CreateAuthorityFiles(const fs::path& certPath, const fs::path& keyPath) {
 
 }  // namespace
 
+std::time_t ExpiryOf(const X509* cert) {
+  std::tm tm{};
+  Check(ASN1_TIME_to_tm(X509_get0_notAfter(cert), &tm) == 1, "expiry");
+  return timegm(&tm);
+}
+
 CertificateAuthority CertificateAuthority::Open(const std::string& stateDir) {
   fs::path dir(stateDir);
   if (!fs::exists(dir)) {
@@ -144,10 +160,11 @@ CertificateAuthority CertificateAuthority::Open(const std::string& stateDir) {
   Check(cert != nullptr, "reading " + certPath.string());
   Check(key != nullptr, "reading " + keyPath.string());
   Check(X509_check_private_key(cert.get(), key.get()) == 1, "ca.key does not match ca.crt");
-  return CertificateAuthority(std::move(cert), std::move(key));
+  return CertificateAuthority(stateDir, std::move(cert), std::move(key));
 }
 
 IssuedCertificate CertificateAuthority::Issue(const CertificateOrder& order) const {
+  std::lock_guard lock(mutex_);
   IssuedCertificate issued;
   X509Ptr cert = NewCertificate(order.publicKey, order.validity, issued.serial);
   X509_NAME* name = X509_get_subject_name(cert.get());
@@ -163,11 +180,56 @@ IssuedCertificate CertificateAuthority::Issue(const CertificateOrder& order) con
   AddExtension(cert.get(), cert_.get(), NID_authority_key_identifier, "keyid");
   Check(X509_sign(cert.get(), key_.get(), EVP_sha256()) > 0, "signature");
   issued.pem = ToPem(cert.get());
-  issued.notAfter = NotAfter(cert.get());
+  issued.notAfter = ExpiryOf(cert.get());
   return issued;
 }
 
+IssuedCertificate CertificateAuthority::Replace() {
+  std::lock_guard lock(mutex_);
+  IssuedCertificate issued;
+  // A copy keeps subject, key identifiers and constraints exactly as they were.
+  X509Ptr cert(X509_dup(cert_.get()));
+  Check(cert != nullptr, "copy of the CA certificate");
+  issued.serial = SetRandomSerial(cert.get());
+  SetValidity(cert.get(), std::chrono::days(kAuthorityValidityDays));
+  Check(X509_sign(cert.get(), key_.get(), EVP_sha256()) > 0, "CA signature");
+  issued.pem = ToPem(cert.get());
+  issued.notAfter = ExpiryOf(cert.get());
+  // Read back, so that comparisons see exactly the certificate that clients
+  // get, not the copy with the old one's cached digests.
+  BioPtr bio(BIO_new_mem_buf(issued.pem.data(), static_cast<int>(issued.pem.size())));
+  X509Ptr reread(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  Check(reread != nullptr, "reading the new CA certificate");
+  ReplaceFile(fs::path(stateDir_) / "ca.crt", issued.pem, 0644);
+  cert_ = std::move(reread);
+  return issued;
+}
+
+bool CertificateAuthority::IsOwn(X509* cert) const {
+  std::lock_guard lock(mutex_);
+  EVP_PKEY* key = X509_get0_pubkey(cert);
+  return key != nullptr &&
+         X509_NAME_cmp(X509_get_subject_name(cert), X509_get_subject_name(cert_.get())) == 0 &&
+         EVP_PKEY_eq(key, key_.get()) == 1;
+}
+
+bool CertificateAuthority::IsCurrent(X509* cert) const {
+  std::lock_guard lock(mutex_);
+  return X509_cmp(cert, cert_.get()) == 0;
+}
+
+std::string CertificateAuthority::Pem() const {
+  std::lock_guard lock(mutex_);
+  return ToPem(cert_.get());
+}
+
+std::time_t CertificateAuthority::NotAfter() const {
+  std::lock_guard lock(mutex_);
+  return ExpiryOf(cert_.get());
+}
+
 std::string CertificateAuthority::Subject() const {
+  std::lock_guard lock(mutex_);
   char line[256];
   X509_NAME_oneline(X509_get_subject_name(cert_.get()), line, sizeof line);
   return line;

@@ -1,10 +1,14 @@
 // The agent's certificate authority: a key and a self-signed certificate kept
-// in the state folder, used to sign the client certificates it issues.
+// in the state folder, used to sign the client certificates it issues. The
+// MQTT thread issues while the control thread may replace the certificate,
+// so every member function takes the lock.
 #ifndef DAXO_AGENT_CERTIFICATE_AUTHORITY_H
 #define DAXO_AGENT_CERTIFICATE_AUTHORITY_H
 
+#include <atomic>
 #include <chrono>
 #include <ctime>
+#include <mutex>
 #include <string>
 
 #include "openssl_handles.h"
@@ -24,6 +28,17 @@ struct IssuedCertificate {
   std::time_t notAfter = 0;
 };
 
+// The certificate's notAfter. Throws std::runtime_error when it cannot be read.
+std::time_t ExpiryOf(const X509* cert);
+
+// Validity in days of the client certificates issued on provisioning and on
+// renewal; the control thread may change them while the MQTT thread issues.
+inline constexpr int kMaxCertDays = 36500;
+struct CertificateTerms {
+  std::atomic<int> provisioningDays;
+  std::atomic<int> renewalDays;
+};
+
 class CertificateAuthority {
  public:
   // Reads "ca.crt" and "ca.key" from stateDir, or creates both (and the
@@ -34,14 +49,30 @@ class CertificateAuthority {
   // std::runtime_error when OpenSSL refuses a step.
   IssuedCertificate Issue(const CertificateOrder& order) const;
 
+  // Replaces the authority's certificate by one with the same key, subject
+  // and extensions and a fresh validity, so that everything that trusts the
+  // old certificate also verifies chains against the new one and the other
+  // way round. The old file is kept as "ca.crt.previous". Returns the new
+  // certificate. Throws std::runtime_error; the authority is then unchanged.
+  IssuedCertificate Replace();
+
+  // Whether cert is this authority's, current or earlier: same subject and
+  // same key.
+  bool IsOwn(X509* cert) const;
+  // Whether cert is the authority's current certificate, byte for byte.
+  bool IsCurrent(X509* cert) const;
+  std::string Pem() const;
+  std::time_t NotAfter() const;
   std::string Subject() const;
 
  private:
-  CertificateAuthority(X509Ptr cert, EvpPkeyPtr key)
-      : cert_(std::move(cert)), key_(std::move(key)) {}
+  CertificateAuthority(std::string stateDir, X509Ptr cert, EvpPkeyPtr key)
+      : stateDir_(std::move(stateDir)), cert_(std::move(cert)), key_(std::move(key)) {}
 
+  const std::string stateDir_;
+  mutable std::mutex mutex_;
   X509Ptr cert_;
-  EvpPkeyPtr key_;
+  const EvpPkeyPtr key_;
 };
 
 }  // namespace daxo_agent

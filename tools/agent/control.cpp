@@ -1,6 +1,7 @@
 #include "control.h"
 
 #include <algorithm>
+#include <charconv>
 #include <stdexcept>
 
 #include "log.h"
@@ -63,6 +64,8 @@ struct Control::Command {
 const Control::Command Control::kCommands[] = {
     {"job-create", "job-create CLIENT_ID DEFINITION", &Control::JobCreate},
     {"job-delete", "job-delete CLIENT_ID SENSOR_ID", &Control::JobDelete},
+    {"offer-new-ca", "offer-new-ca", &Control::OfferNewCa},
+    {"cert-days", "cert-days N", &Control::CertDays},
     {"dump", "dump", &Control::Dump},
 };
 
@@ -129,12 +132,41 @@ JsonPtr Control::JobDelete(std::string_view arguments) {
   return Ok();
 }
 
+JsonPtr Control::OfferNewCa(std::string_view arguments) {
+  if (!Blank(arguments)) throw UsageError("offer-new-ca takes no arguments");
+  IssuedCertificate replacement = ca_.Replace();
+  Log("replaced the certificate authority's certificate; it now expires " +
+      IsoTime(replacement.notAfter));
+  return WithAuthority(Ok());
+}
+
+JsonPtr Control::CertDays(std::string_view arguments) {
+  std::string_view word = NextWord(arguments);
+  int days = 0;
+  auto [end, ec] = std::from_chars(word.data(), word.data() + word.size(), days);
+  if (word.empty() || ec != std::errc() || end != word.data() + word.size() || days < 1 ||
+      days > kMaxCertDays || !Blank(arguments))
+    throw UsageError("N must be a number of days from 1 to " + std::to_string(kMaxCertDays));
+  terms_.provisioningDays = days;
+  return WithAuthority(Ok());
+}
+
 JsonPtr Control::Dump(std::string_view arguments) {
   if (!Blank(arguments)) throw UsageError("dump takes no arguments");
   JsonPtr registry = store_.Registry();
   JsonPtr answer = Ok();
   json_object_object_foreach(registry.get(), key, value)
       json_object_object_add(answer.get(), key, json_object_get(value));
+  return WithAuthority(std::move(answer));
+}
+
+JsonPtr Control::WithAuthority(JsonPtr answer) const {
+  json_object* authority = json_object_new_object();
+  json_object_object_add(authority, "subject", NewJsonString(ca_.Subject()));
+  json_object_object_add(authority, "notAfter", NewJsonString(IsoTime(ca_.NotAfter())));
+  json_object_object_add(authority, "certDays", json_object_new_int(terms_.provisioningDays));
+  json_object_object_add(authority, "renewalDays", json_object_new_int(terms_.renewalDays));
+  json_object_object_add(answer.get(), "authority", authority);
   return answer;
 }
 

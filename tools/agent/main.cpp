@@ -9,6 +9,7 @@
 
 #include "agent.h"
 #include "certificate_authority.h"
+#include "certificates.h"
 #include "connection_check.h"
 #include "control.h"
 #include "control_socket.h"
@@ -45,14 +46,16 @@ int Serve(const daxo_agent::Options& options) {
   CertificateAuthority ca = CertificateAuthority::Open(options.stateDir);
   Log("certificate authority " + ca.Subject());
   Store store;
-  Provisioning provisioning(ca, store, std::chrono::days(options.certDays));
+  CertificateTerms terms{{options.certDays}, {options.renewalDays}};
+  Provisioning provisioning(ca, store, terms);
   std::vector<Route> routes = provisioning.Routes();
+  for (Route& route : CertificateRoutes(ca, store, terms)) routes.push_back(std::move(route));
   for (Route& route : ConnectionCheckRoutes()) routes.push_back(std::move(route));
   for (Route& route : SensorRoutes(store)) routes.push_back(std::move(route));
   for (Route& route : MetricRoutes(store)) routes.push_back(std::move(route));
   for (Route& route : ErrorReportRoutes(store)) routes.push_back(std::move(route));
   Agent agent(options.broker, std::move(routes));
-  Control control(store, agent);
+  Control control(store, agent, ca, terms);
   ControlSocket socket(options.ControlPath(),
                        [&control](std::string_view line) { return control.Execute(line); });
   agent.Run([&store] {

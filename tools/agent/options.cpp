@@ -51,7 +51,11 @@ constexpr OptionSetter kOptions[] = {
        return !v.empty();
      }},
     {"--cert-days",
-     [](Options& o, const std::string& v) { return ParseNumber(v, 1, 36500, o.certDays); }},
+     [](Options& o, const std::string& v) { return ParseNumber(v, 1, kMaxCertDays, o.certDays); }},
+    {"--renewal-days",
+     [](Options& o, const std::string& v) {
+       return ParseNumber(v, 1, kMaxCertDays, o.renewalDays);
+     }},
     {"--control",
      [](Options& o, const std::string& v) {
        o.controlPath = v;
@@ -110,7 +114,11 @@ that clients publish on the agent's MQTT broker.
   --state DIR         folder of the agent's certificate authority, ca.crt and
                       ca.key; both are created, in a folder of mode 0700, when
                       absent (default ./daxo-agent-state)
-  --cert-days N       validity of issued client certificates (default 365)
+  --cert-days N       validity in days of the client certificates issued on
+                      provisioning (default 365); below 30, clients renew
+                      theirs at their first daily check
+  --renewal-days N    validity in days of renewed client certificates
+                      (default 365)
   --control PATH      the agent's control socket, a Unix socket of mode 0600
                       (default DIR/control.sock in the --state folder)
   --help              this text
@@ -133,9 +141,17 @@ spaces, and line breaks become spaces too. Commands:
       sensor with the ids the agent assigned.
   job-delete CLIENT_ID SENSOR_ID
       removes the sensor and sends the client the sensor deletion job.
+  offer-new-ca
+      replaces the certificate in DIR/ca.crt by one with the same key and
+      subject and a fresh validity, keeping the old one as ca.crt.previous;
+      clients that check the old one are offered the new one. Brokers and
+      clients that trust either verify what the agent issued with both.
+  cert-days N
+      like --cert-days, for the certificates issued from now on.
   dump
       the registry: clients, their sensors, metrics and last values, and
-      the latest 100 error reports of each client.
+      the latest 100 error reports of each client; and the authority's
+      subject and expiry with the validity of what it issues.
 
 Pushed values must fit their metric, or the whole push is refused: a
 standard metric (with a value unit) and a "double" take a number (else

@@ -6,13 +6,15 @@
 #include <vector>
 
 #include "agent.h"
+#include "certificate_authority.h"
 
 namespace daxo_agent {
 
 struct Options {
   BrokerSettings broker{"localhost", 8883, {}, {}, {}, 30};
   std::string stateDir = "daxo-agent-state";
-  int certDays = 365;
+  int certDays = 365;       // provisioning
+  int renewalDays = 365;    // renewal of a connected client's certificate
   std::string controlPath;  // empty: control.sock in stateDir
   // The words of a control command to send to a running agent.
   std::vector<std::string> command;

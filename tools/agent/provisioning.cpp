@@ -42,18 +42,6 @@ std::string Sha256Hex(std::string_view data) {
   return HexBytes(digest, size);
 }
 
-// The first entry of the given type, as UTF-8; nullopt when there is none.
-std::optional<std::string> NameEntry(X509_NAME* name, int nid) {
-  int index = X509_NAME_get_index_by_NID(name, nid, -1);
-  if (index < 0) return std::nullopt;
-  unsigned char* utf8 = nullptr;
-  int size = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
-  if (size < 0) return std::nullopt;
-  std::string text(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(size));
-  OPENSSL_free(utf8);
-  return text;
-}
-
 // The name becomes an MQTT topic level and the broker's user name, which
 // wildcards, separators and control characters would break.
 bool UsableClientName(const std::string& name) {
@@ -61,25 +49,6 @@ bool UsableClientName(const std::string& name) {
     return c < 0x20 || c == 0x7f || c == '/' || c == '+' || c == '#';
   };
   return name.size() <= kMaxRequestedName && std::none_of(name.begin(), name.end(), bad);
-}
-
-// The request, once its PEM parses and its signature verifies.
-X509ReqPtr ReadVerifiedRequest(std::string_view pem, ApiFault& fault) {
-  if (pem.empty()) {
-    fault = {kCertificateIsEmpty, "the certificate request is empty"};
-    return nullptr;
-  }
-  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  X509ReqPtr request(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
-  if (request == nullptr) {
-    fault = {kCertificateFormatError, "the payload is not a PEM certificate request"};
-  } else if (EVP_PKEY* key = X509_REQ_get0_pubkey(request.get());
-             key == nullptr || X509_REQ_verify(request.get(), key) != 1) {
-    fault = {kCertificateFormatError, "the certificate request's signature does not verify"};
-    request.reset();
-  }
-  ERR_clear_error();
-  return request;
 }
 
 std::optional<SigningRequest> ReadSigningRequest(std::string_view pem, ApiFault& fault) {
@@ -101,6 +70,35 @@ std::optional<SigningRequest> ReadSigningRequest(std::string_view pem, ApiFault&
 }
 
 }  // namespace
+
+std::optional<std::string> NameEntry(X509_NAME* name, int nid) {
+  int index = X509_NAME_get_index_by_NID(name, nid, -1);
+  if (index < 0) return std::nullopt;
+  unsigned char* utf8 = nullptr;
+  int size = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
+  if (size < 0) return std::nullopt;
+  std::string text(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(size));
+  OPENSSL_free(utf8);
+  return text;
+}
+
+X509ReqPtr ReadVerifiedRequest(std::string_view pem, ApiFault& fault) {
+  if (pem.empty()) {
+    fault = {kCertificateIsEmpty, "the certificate request is empty"};
+    return nullptr;
+  }
+  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  X509ReqPtr request(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
+  if (request == nullptr) {
+    fault = {kCertificateFormatError, "the payload is not a PEM certificate request"};
+  } else if (EVP_PKEY* key = X509_REQ_get0_pubkey(request.get());
+             key == nullptr || X509_REQ_verify(request.get(), key) != 1) {
+    fault = {kCertificateFormatError, "the certificate request's signature does not verify"};
+    request.reset();
+  }
+  ERR_clear_error();
+  return request;
+}
 
 std::vector<Route> Provisioning::Routes() {
   return {
@@ -128,8 +126,9 @@ std::optional<std::string> Provisioning::IssueFor(const SigningRequest& request,
     ClientRecord record{UniqueId(request.commonName), request.commonName,
                         request.organisation,         {},
                         std::time(nullptr),           0};
-    IssuedCertificate issued = ca_.Issue(
-        {X509_REQ_get0_pubkey(request.request.get()), record.id, record.organisation, validity_});
+    IssuedCertificate issued =
+        ca_.Issue({X509_REQ_get0_pubkey(request.request.get()), record.id, record.organisation,
+                   std::chrono::days(terms_.provisioningDays.load())});
     record.serial = issued.serial;
     record.notAfter = issued.notAfter;
     Log("issued " + record.id + " for the requested name " + record.requestedName);

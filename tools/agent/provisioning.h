@@ -3,9 +3,9 @@
 #ifndef DAXO_AGENT_PROVISIONING_H
 #define DAXO_AGENT_PROVISIONING_H
 
-#include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent.h"
@@ -16,10 +16,16 @@ namespace daxo_agent {
 
 struct SigningRequest;
 
+// The request in pem, once it parses and its signature verifies; otherwise
+// null, with fault saying why.
+X509ReqPtr ReadVerifiedRequest(std::string_view pem, ApiFault& fault);
+// The first entry of the given type, as UTF-8; nullopt when there is none.
+std::optional<std::string> NameEntry(X509_NAME* name, int nid);
+
 class Provisioning {
  public:
-  Provisioning(const CertificateAuthority& ca, Store& store, std::chrono::seconds validity)
-      : ca_(ca), store_(store), validity_(validity) {}
+  Provisioning(const CertificateAuthority& ca, Store& store, const CertificateTerms& terms)
+      : ca_(ca), store_(store), terms_(terms) {}
 
   std::vector<Route> Routes();
 
@@ -31,7 +37,7 @@ class Provisioning {
 
   const CertificateAuthority& ca_;
   Store& store_;
-  std::chrono::seconds validity_;
+  const CertificateTerms& terms_;
 };
 
 }  // namespace daxo_agent

@@ -10,14 +10,6 @@
 namespace daxo_agent {
 namespace {
 
-std::string IsoTime(std::time_t t) {
-  std::tm utc{};
-  gmtime_r(&t, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
-
 void AddString(json_object* object, const char* key, const std::string& value) {
   json_object_object_add(object, key, NewJsonString(value));
 }
@@ -72,6 +64,14 @@ auto FindIn(SensorMap& sensors, const std::string& clientId, const std::string& 
 
 }  // namespace
 
+std::string IsoTime(std::time_t t) {
+  std::tm utc{};
+  gmtime_r(&t, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
 std::string NewMetricId(const Sensor& sensor) {
   return UniqueId("m-", [&sensor](const std::string& id) {
     return std::any_of(sensor.metrics.begin(), sensor.metrics.end(),
@@ -82,6 +82,13 @@ std::string NewMetricId(const Sensor& sensor) {
 bool Store::HasClient(const std::string& id) const {
   std::lock_guard lock(mutex_);
   return clients_.count(id) != 0;
+}
+
+std::optional<ClientRecord> Store::FindClient(const std::string& id) const {
+  std::lock_guard lock(mutex_);
+  auto record = clients_.find(id);
+  if (record == clients_.end()) return std::nullopt;
+  return record->second;
 }
 
 void Store::AddClient(ClientRecord record) {

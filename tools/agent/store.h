@@ -41,9 +41,13 @@ struct ErrorReport {
 // An id that no metric of the sensor has yet.
 std::string NewMetricId(const Sensor& sensor);
 
+// t in UTC as the registry shows times: 2030-12-31T00:00:00Z.
+std::string IsoTime(std::time_t t);
+
 class Store {
  public:
   bool HasClient(const std::string& id) const;
+  std::optional<ClientRecord> FindClient(const std::string& id) const;
   void AddClient(ClientRecord record);
   // False when the id was not known. The client's sensors go with it.
   bool RemoveClient(const std::string& id);
