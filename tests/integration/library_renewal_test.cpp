@@ -129,3 +129,37 @@ TEST_F(LibraryRenewalTest, AHalfFinishedRenewalIsRecoveredByProvisioningAgain) {
 
 }  // namespace
 }  // namespace daxo_test
+
+namespace daxo_test {
+namespace {
+
+TEST_F(LibraryRenewalTest, AReplacedAuthorityIsInstalledAndTheClientReconnects) {
+  TestEnvironment env;
+  std::string caCopy = (env.Folder() / "client-ca.crt").string();
+  std::ofstream(caCopy) << ReadFile(env.CaFile());
+  LibraryClient c(env, {.caFile = caCopy});
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  DAXO_OnConnect applicationOnConnect = c.Get()->OnConnect;
+  std::string before = ReadFile(caCopy);
+  env.AgentControl("offer-new-ca");
+
+  ASSERT_EQ(CheckCAExpirationDate(c.Get(), OnRenewal), DAXO_Error_Success);
+  ASSERT_EQ(RenewalOutcome(c), DAXO_Error_Success);
+
+  std::string installed = ReadFile(caCopy);
+  EXPECT_NE(installed, before);
+  EXPECT_EQ(installed, ReadFile((env.Folder() / "agent-state" / "ca.crt").string()));
+  EXPECT_EQ(c.Get()->OnConnect, applicationOnConnect);
+  EXPECT_EQ(c.Pending("connect"), 0u);
+  EXPECT_EQ(c.Next("disconnect"), DAXO_Error_Success) << "an authority change is not hidden";
+  ASSERT_EQ(DAXO_CheckConnection(c.Get()), DAXO_Error_Success);
+  EXPECT_EQ(c.Next("check"), DAXO_ApiError_NoError);
+
+  // The new authority is current: the next check leaves it alone.
+  ASSERT_EQ(CheckCAExpirationDate(c.Get(), OnRenewal), DAXO_Error_Success);
+  EXPECT_EQ(RenewalOutcome(c), DAXO_Error_Success);
+  EXPECT_EQ(ReadFile(caCopy), installed);
+}
+
+}  // namespace
+}  // namespace daxo_test
