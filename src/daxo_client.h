@@ -162,6 +162,12 @@ typedef enum DAXO_ValueTypeTag {
   DAXO_ValueType_String = 4
 } DAXO_ValueType;
 
+/* DAXO_ErrorName and DAXO_ApiErrorName return the enumerator's name as a
+ * static string ("DAXO_Error_NoMemory"), or "DAXO_Error_(unknown)" /
+ * "DAXO_ApiError_(unknown)" for a number that has none. */
+DAXO_EXPORT const char* DAXO_ErrorName(DAXO_Error err) DAXO_NOEXCEPT;
+DAXO_EXPORT const char* DAXO_ApiErrorName(DAXO_ApiError err) DAXO_NOEXCEPT;
+
 /* ------------------------------------------------------------------------
  * Handles and records
  * ---------------------------------------------------------------------- */

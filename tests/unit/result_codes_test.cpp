@@ -150,3 +150,21 @@ TEST_F(LogTest, LinesReachOnLogWithTheCallbackParameter) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ErrorNames, NameEveryCodeAndOnlyThose) {
+  EXPECT_STREQ(DAXO_ErrorName(DAXO_Error_NoMemory), "DAXO_Error_NoMemory");
+  EXPECT_STREQ(DAXO_ErrorName(DAXO_Error_CertifcateFolderPath), "DAXO_Error_CertifcateFolderPath");
+  EXPECT_STREQ(DAXO_ErrorName(DAXO_Error_Unknown), "DAXO_Error_Unknown");
+  EXPECT_STREQ(DAXO_ErrorName(static_cast<DAXO_Error>(40)), "DAXO_Error_(unknown)");
+  EXPECT_STREQ(DAXO_ApiErrorName(DAXO_ApiError_NoError), "DAXO_ApiError_NoError");
+  EXPECT_STREQ(DAXO_ApiErrorName(DAXO_ApiError_ForbiddendAccess), "DAXO_ApiError_ForbiddendAccess");
+  EXPECT_STREQ(DAXO_ApiErrorName(static_cast<DAXO_ApiError>(2)), "DAXO_ApiError_(unknown)");
+  for (int code = -1; code <= 39; ++code) {
+    std::string name = DAXO_ErrorName(static_cast<DAXO_Error>(code));
+    EXPECT_EQ(name.find("(unknown)"), std::string::npos) << code;
+  }
+}
+
+}  // namespace
