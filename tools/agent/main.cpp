@@ -2,6 +2,8 @@
 // libdaxoclient while no device agent is at hand.
 #include <mosquitto.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -83,8 +85,12 @@ int SendCommand(const daxo_agent::Options& options) {
     std::fprintf(stderr, "daxo-agent: %s\n", e.what());
     return 1;
   }
-  std::puts(answer.c_str());
   daxo_agent::JsonPtr parsed(json_tokener_parse(answer.c_str()));
+  // People read the answer on a terminal; scripts read one line from a pipe.
+  bool pretty = parsed && isatty(STDOUT_FILENO);
+  std::puts(pretty ? json_object_to_json_string_ext(parsed.get(), JSON_C_TO_STRING_PRETTY |
+                                                                      JSON_C_TO_STRING_NOSLASHESCAPE)
+                   : answer.c_str());
   json_object* ok = nullptr;
   bool done = json_object_object_get_ex(parsed.get(), "ok", &ok) &&
               json_object_is_type(ok, json_type_boolean) && json_object_get_boolean(ok);

@@ -1,0 +1,72 @@
+#!/bin/sh
+# Installs the build tree into a temporary prefix and builds the minimal_push
+# example out of tree against it, once through pkg-config and once through
+# find_package(daxoclient): both programs must link against the installed
+# library and run (a missing argument makes the example exit with 2).
+#
+# usage: install_test.sh CMAKE BUILD_DIR EXAMPLE_SOURCE C_COMPILER
+set -eu
+cmake=$1 build=$2 example=$3 cc=$4
+
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+base=${DAXO_TEST_TMP:-${TMPDIR:-/tmp}}
+mkdir -p "$base"
+work=$(mktemp -d "$base/install.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+"$cmake" --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+  { cat "$work/install.log"; fail "cmake --install"; }
+
+# The layout: the real file, its SONAME link and the development link.
+real=$(find "$prefix" -name 'libdaxoclient.so.*.*.*' -type f)
+[ -n "$real" ] || fail "no libdaxoclient.so.X.Y.Z under $prefix"
+libdir=$(dirname "$real")
+[ -L "$libdir/libdaxoclient.so.1" ] || fail "no libdaxoclient.so.1 link"
+[ -L "$libdir/libdaxoclient.so" ] || fail "no libdaxoclient.so link"
+readelf -d "$real" | grep -q 'SONAME.*\[libdaxoclient\.so\.1\]' || fail "SONAME is not libdaxoclient.so.1"
+[ -f "$prefix/include/daxo_client.h" ] || fail "no include/daxo_client.h"
+[ -x "$prefix/bin/daxo-agent" ] || fail "no bin/daxo-agent"
+[ -f "$libdir/pkgconfig/daxoclient.pc" ] || fail "no daxoclient.pc in $libdir/pkgconfig"
+[ -f "$libdir/cmake/daxoclient/daxoclientConfig.cmake" ] || fail "no daxoclientConfig.cmake"
+
+# pkg-config; the .pc file finds the prefix from its own place.
+flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs daxoclient) ||
+  fail "pkg-config --cflags --libs daxoclient"
+echo "pkg-config: $flags"
+# shellcheck disable=SC2086 # the flags are words
+"$cc" -std=c11 -Wall -Wextra -Werror -o "$work/push_pkgconfig" "$example" $flags ||
+  fail "building against pkg-config's flags"
+
+# find_package, from a project that knows nothing but the prefix.
+mkdir "$work/consumer"
+cat >"$work/consumer/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(consumer LANGUAGES C)
+find_package(daxoclient 1.0 REQUIRED)
+add_executable(push_cmake "$example")
+set_target_properties(push_cmake PROPERTIES C_STANDARD 11)
+target_link_libraries(push_cmake PRIVATE daxoclient::daxoclient)
+CMAKE
+"$cmake" -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_COMPILER="$cc" >"$work/consumer.log" 2>&1 ||
+  { cat "$work/consumer.log"; fail "configuring a find_package(daxoclient) project"; }
+"$cmake" --build "$work/consumer/build" >"$work/consumer.log" 2>&1 ||
+  { cat "$work/consumer.log"; fail "building a find_package(daxoclient) project"; }
+
+for program in "$work/push_pkgconfig" "$work/consumer/build/push_cmake"; do
+  resolved=$(LD_LIBRARY_PATH=$libdir ldd "$program" | grep 'libdaxoclient\.so\.1') ||
+    fail "$program does not need libdaxoclient.so.1"
+  case $resolved in
+    *"=> $libdir/libdaxoclient.so.1 "*) ;;
+    *) fail "$program resolves $resolved, not the installed library" ;;
+  esac
+  status=0
+  LD_LIBRARY_PATH=$libdir "$program" >/dev/null 2>&1 || status=$?
+  [ "$status" -eq 2 ] || fail "$program exited with $status, expected the usage status 2"
+done
+echo "installed tree usable through pkg-config and find_package"
