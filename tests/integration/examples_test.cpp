@@ -128,3 +128,26 @@ TEST_F(ExamplesTest, SensorJobHandlerPrintsTheJobsItReceives) {
 
 }  // namespace
 }  // namespace daxo_test
+
+namespace daxo_test {
+namespace {
+
+// The demo's device program: real readings pushed with an answer each time.
+TEST_F(ExamplesTest, TheDemoDeviceReportsTheMachinesReadings) {
+  ChildProcess demo;
+  demo.Start({DAXO_DEVICE_DEMO_PATH, config, "3"}, Log("device_demo.log"));
+  std::optional<ExitStatus> status = demo.WaitForExit(seconds(90));
+  ASSERT_TRUE(status) << Joined(demo.Lines());
+  ASSERT_TRUE(status->Clean()) << status->Describe() << "\n" << Joined(demo.Lines());
+  std::regex push("^push +[0-9]+: load=[0-9.]+ memory_used=[0-9]+ kB uptime=[0-9]+ s "
+                  "status=(ok|busy) +agent answered DAXO_ApiError_NoError in [0-9.]+ ms$");
+  int pushes = 0;
+  for (const std::string& line : demo.Lines()) pushes += std::regex_match(line, push);
+  EXPECT_EQ(pushes, 3) << Joined(demo.Lines());
+  std::string dump = env.AgentControl("dump");
+  EXPECT_NE(dump.find("\"memory in use\""), std::string::npos) << dump;
+  EXPECT_NE(dump.find("SI.Duration.SECOND"), std::string::npos) << dump;
+}
+
+}  // namespace
+}  // namespace daxo_test
