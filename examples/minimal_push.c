@@ -17,9 +17,12 @@
  *
  * Exit status: 0 on success, 1 when a step fails, 2 for a wrong command line.
  */
+#define _POSIX_C_SOURCE 200809L /* nanosleep, and pthreads on older systems */
+
 #include <stdio.h>
 #include <string.h>
-#include <threads.h>
+#include <errno.h>
+#include <pthread.h>
 #include <time.h>
 
 #include "daxo_client.h"
@@ -28,8 +31,8 @@
 
 /* The mailbox shared by the callbacks (writers) and main (the reader). */
 typedef struct Mailbox {
-  mtx_t lock;
-  cnd_t arrived;
+  pthread_mutex_t lock;
+  pthread_cond_t arrived;
   const char* kind; /* which answer is in the box, NULL when empty */
   int code;         /* the DAXO_Error or DAXO_ApiError it carried */
   char id[256];     /* an identifier it carried, copied: see Post */
@@ -38,12 +41,12 @@ typedef struct Mailbox {
 /* Called from the library's threads. Strings given to a callback are valid
  * only during the call, so the identifier is copied into the mailbox. */
 static void Post(Mailbox* box, const char* kind, int code, const char* id) {
-  mtx_lock(&box->lock);
+  pthread_mutex_lock(&box->lock);
   box->kind = kind;
   box->code = code;
   snprintf(box->id, sizeof box->id, "%s", id != NULL ? id : "");
-  cnd_signal(&box->arrived);
-  mtx_unlock(&box->lock);
+  pthread_cond_signal(&box->arrived);
+  pthread_mutex_unlock(&box->lock);
 }
 
 /* Waits for the answer named kind; returns 0 when it came in time, with its
@@ -54,9 +57,9 @@ static int Await(Mailbox* box, const char* kind, int* code, char* id, size_t idS
   timespec_get(&deadline, TIME_UTC);
   deadline.tv_sec += ANSWER_TIMEOUT_SECONDS;
 
-  mtx_lock(&box->lock);
+  pthread_mutex_lock(&box->lock);
   while (box->kind == NULL || strcmp(box->kind, kind) != 0) {
-    if (cnd_timedwait(&box->arrived, &box->lock, &deadline) == thrd_timedout) {
+    if (pthread_cond_timedwait(&box->arrived, &box->lock, &deadline) == ETIMEDOUT) {
       result = -1;
       break;
     }
@@ -66,7 +69,7 @@ static int Await(Mailbox* box, const char* kind, int* code, char* id, size_t idS
     if (id != NULL) snprintf(id, idSize, "%s", box->id);
     box->kind = NULL; /* empty the box for the next answer */
   }
-  mtx_unlock(&box->lock);
+  pthread_mutex_unlock(&box->lock);
   if (result != 0) fprintf(stderr, "no %s answer within %d s\n", kind, ANSWER_TIMEOUT_SECONDS);
   return result;
 }
@@ -196,8 +199,8 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: %s CONFIG_FILE\n", argv[0]);
     return 2;
   }
-  mtx_init(&box.lock, mtx_plain);
-  cnd_init(&box.arrived);
+  pthread_mutex_init(&box.lock, NULL);
+  pthread_cond_init(&box.arrived, NULL);
   /* Our output is read line by line, possibly through a pipe. */
   setvbuf(stdout, NULL, _IOLBF, 0);
 
@@ -224,7 +227,7 @@ int main(int argc, char** argv) {
     ok = Await(&box, "disconnect", &code, NULL, 0) == 0 && code == DAXO_Error_Success;
   DAXO_DeleteClient(client); /* from main, never from a callback */
   DAXO_LibCleanup();         /* after the last client */
-  cnd_destroy(&box.arrived);
-  mtx_destroy(&box.lock);
+  pthread_cond_destroy(&box.arrived);
+  pthread_mutex_destroy(&box.lock);
   return ok ? 0 : 1;
 }

@@ -15,9 +15,12 @@
  * Exit status: 0 when the client connected and the time ran out, 1 when a
  * step fails, 2 for a wrong command line.
  */
+#define _POSIX_C_SOURCE 200809L /* nanosleep, and pthreads on older systems */
+
 #include <stdio.h>
 #include <stdlib.h>
-#include <threads.h>
+#include <errno.h>
+#include <pthread.h>
 #include <time.h>
 
 #include "daxo_client.h"
@@ -27,17 +30,17 @@
 /* The outcomes of provisioning and connecting, handed from the library's
  * threads to main. -1 means "not arrived yet". */
 typedef struct Progress {
-  mtx_t lock;
-  cnd_t changed;
+  pthread_mutex_t lock;
+  pthread_cond_t changed;
   int provision;
   int connect;
 } Progress;
 
 static void Set(Progress* p, int* field, int code) {
-  mtx_lock(&p->lock);
+  pthread_mutex_lock(&p->lock);
   *field = code;
-  cnd_signal(&p->changed);
-  mtx_unlock(&p->lock);
+  pthread_cond_signal(&p->changed);
+  pthread_mutex_unlock(&p->lock);
 }
 
 /* Waits, for a bounded time, until *field has arrived; returns it, or -1. */
@@ -46,11 +49,11 @@ static int Await(Progress* p, const int* field) {
   int code;
   timespec_get(&deadline, TIME_UTC);
   deadline.tv_sec += ANSWER_TIMEOUT_SECONDS;
-  mtx_lock(&p->lock);
-  while (*field == -1 && cnd_timedwait(&p->changed, &p->lock, &deadline) != thrd_timedout) {
+  pthread_mutex_lock(&p->lock);
+  while (*field == -1 && pthread_cond_timedwait(&p->changed, &p->lock, &deadline) != ETIMEDOUT) {
   }
   code = *field;
-  mtx_unlock(&p->lock);
+  pthread_mutex_unlock(&p->lock);
   return code;
 }
 
@@ -118,8 +121,8 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: %s CONFIG_FILE SECONDS\n", argv[0]);
     return 2;
   }
-  mtx_init(&progress.lock, mtx_plain);
-  cnd_init(&progress.changed);
+  pthread_mutex_init(&progress.lock, NULL);
+  pthread_cond_init(&progress.changed, NULL);
   /* Jobs are printed from another thread and read line by line. */
   setvbuf(stdout, NULL, _IOLBF, 0);
 
@@ -149,7 +152,7 @@ int main(int argc, char** argv) {
     /* The agent addresses jobs to this id. */
     printf("client %s waiting for jobs for %ld s\n", DAXO_GetClientId(client), seconds);
     left.tv_sec = seconds;
-    while (thrd_sleep(&left, &left) == -1) {
+    while (nanosleep(&left, &left) == -1) {
       /* a signal cut the sleep short: sleep for the rest */
     }
     ok = 1;
@@ -161,7 +164,7 @@ int main(int argc, char** argv) {
   DAXO_Disconnect(client);
   DAXO_DeleteClient(client);
   DAXO_LibCleanup();
-  cnd_destroy(&progress.changed);
-  mtx_destroy(&progress.lock);
+  pthread_cond_destroy(&progress.changed);
+  pthread_mutex_destroy(&progress.lock);
   return ok ? 0 : 1;
 }
