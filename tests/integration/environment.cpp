@@ -331,8 +331,8 @@ std::string TestEnvironment::WriteClientConfig(const ClientConfig& config) {
 }
 
 void TestEnvironment::IssueClientCertificate(const std::string& certFolder,
-                                             const CertificateSpec& spec) const {
-  KeyAndCertificate issued = authority_.Issue(spec);
+                                             const CertificateTerms& terms) const {
+  KeyAndCertificate issued = authority_.Issue(terms);
   WriteFile(certFolder + "/cert.crt", issued.certPem);
   WriteFile(certFolder + "/priv_key.key", issued.keyPem, 0600);
 }

@@ -66,7 +66,7 @@ class TestEnvironment {
   std::string WriteClientConfig(const ClientConfig& config);
   // Stores "cert.crt" and "priv_key.key" in certFolder, signed by the CA, as
   // if the client had been provisioned: for expiry tests and the like.
-  void IssueClientCertificate(const std::string& certFolder, const CertificateSpec& spec) const;
+  void IssueClientCertificate(const std::string& certFolder, const CertificateTerms& terms) const;
 
   // Same ports before and after. StartBroker returns once both listeners
   // accept connections and, when the agent runs, once it serves again.

@@ -62,24 +62,24 @@ void AddName(X509_NAME* name, int nid, const std::string& value) {
         "subject");
 }
 
-std::string AltNames(const CertificateSpec& spec) {
+std::string AltNames(const CertificateTerms& terms) {
   std::string names;
-  for (const std::string& dns : spec.dnsNames) names += (names.empty() ? "DNS:" : ",DNS:") + dns;
-  for (const std::string& ip : spec.ipAddresses) names += (names.empty() ? "IP:" : ",IP:") + ip;
+  for (const std::string& dns : terms.dnsNames) names += (names.empty() ? "DNS:" : ",DNS:") + dns;
+  for (const std::string& ip : terms.ipAddresses) names += (names.empty() ? "IP:" : ",IP:") + ip;
   return names;
 }
 
-X509Ptr NewCertificate(EVP_PKEY* key, const CertificateSpec& spec, long serial) {
+X509Ptr NewCertificate(EVP_PKEY* key, const CertificateTerms& terms, long serial) {
   X509Ptr cert(X509_new());
   Check(cert && X509_set_version(cert.get(), X509_VERSION_3) == 1, "version");
   Check(ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial) == 1, "serial");
-  Check(X509_gmtime_adj(X509_getm_notBefore(cert.get()), spec.start.count()) &&
-            X509_gmtime_adj(X509_getm_notAfter(cert.get()), (spec.start + spec.validity).count()),
+  Check(X509_gmtime_adj(X509_getm_notBefore(cert.get()), terms.start.count()) &&
+            X509_gmtime_adj(X509_getm_notAfter(cert.get()), (terms.start + terms.validity).count()),
         "validity");
   Check(X509_set_pubkey(cert.get(), key) == 1, "public key");
   X509_NAME* subject = X509_get_subject_name(cert.get());
-  AddName(subject, NID_organizationName, spec.organisation);
-  AddName(subject, NID_commonName, spec.commonName);
+  AddName(subject, NID_organizationName, terms.organisation);
+  AddName(subject, NID_commonName, terms.commonName);
   return cert;
 }
 
@@ -94,9 +94,9 @@ struct TestAuthority::Handles {
 TestAuthority::TestAuthority(const std::string& commonName) : handles_(new Handles) {
   handles_->key.reset(EVP_EC_gen("P-256"));
   Check(handles_->key != nullptr, "CA key");
-  CertificateSpec spec{
+  CertificateTerms terms{
       commonName, "daxo tests", {}, {}, false, std::chrono::hours(-1), std::chrono::hours(24 * 30)};
-  X509Ptr cert = NewCertificate(handles_->key.get(), spec, 1);
+  X509Ptr cert = NewCertificate(handles_->key.get(), terms, 1);
   Check(X509_set_issuer_name(cert.get(), X509_get_subject_name(cert.get())) == 1, "issuer");
   AddExtension(cert.get(), cert.get(), NID_basic_constraints, "critical,CA:TRUE");
   AddExtension(cert.get(), cert.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
@@ -108,16 +108,16 @@ TestAuthority::TestAuthority(const std::string& commonName) : handles_(new Handl
 
 TestAuthority::~TestAuthority() = default;
 
-KeyAndCertificate TestAuthority::Issue(const CertificateSpec& spec) const {
+KeyAndCertificate TestAuthority::Issue(const CertificateTerms& terms) const {
   EvpPkeyPtr key(EVP_EC_gen("P-256"));
   Check(key != nullptr, "key");
-  X509Ptr cert = NewCertificate(key.get(), spec, handles_->nextSerial++);
+  X509Ptr cert = NewCertificate(key.get(), terms, handles_->nextSerial++);
   X509* issuer = handles_->cert.get();
   Check(X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer)) == 1, "issuer");
   AddExtension(cert.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
   AddExtension(cert.get(), issuer, NID_key_usage, "critical,digitalSignature");
-  AddExtension(cert.get(), issuer, NID_ext_key_usage, spec.server ? "serverAuth" : "clientAuth");
-  if (std::string names = AltNames(spec); !names.empty())
+  AddExtension(cert.get(), issuer, NID_ext_key_usage, terms.server ? "serverAuth" : "clientAuth");
+  if (std::string names = AltNames(terms); !names.empty())
     AddExtension(cert.get(), issuer, NID_subject_alt_name, names);
   AddExtension(cert.get(), issuer, NID_authority_key_identifier, "keyid");
   Check(X509_sign(cert.get(), handles_->key.get(), EVP_sha256()) > 0, "signature");

@@ -10,7 +10,7 @@
 
 namespace daxo_test {
 
-struct CertificateSpec {
+struct CertificateTerms {
   std::string commonName{};
   std::string organisation{};  // empty: none
   std::vector<std::string> dnsNames{};
@@ -35,7 +35,7 @@ class TestAuthority {
   TestAuthority& operator=(const TestAuthority&) = delete;
 
   const KeyAndCertificate& Own() const { return own_; }
-  KeyAndCertificate Issue(const CertificateSpec& spec) const;
+  KeyAndCertificate Issue(const CertificateTerms& terms) const;
 
  private:
   struct Handles;
