@@ -45,7 +45,7 @@ DAXO_MetricSchemaContainer* DAXO_CreateMetricSchemaContainer(void) noexcept {
   if (container == nullptr) return nullptr;
   DAXO_Error err;
   JsonPtr body = daxo::NewObject(&err);
-  json_object* array = json_object_new_array();
+  json_object* array = body ? json_object_new_array() : nullptr;
   if (!body || daxo::AddMember(body.get(), "metrics", array) != DAXO_Error_Success) {
     free(container);
     return nullptr;

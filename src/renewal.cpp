@@ -134,8 +134,9 @@ const char* GetStringValueForKeyFromJson(json_object* objJson, const char* key) 
 
 int ParseDatePartsFromString(const char* dateStr, size_t sizeOfPart, size_t from) noexcept {
   char part[8] = {};
-  if (sizeOfPart >= sizeof part) return 0;
-  memcpy(part, dateStr + from, sizeOfPart);
+  size_t length = strlen(dateStr);
+  if (sizeOfPart >= sizeof part || from >= length) return 0;
+  memcpy(part, dateStr + from, sizeOfPart < length - from ? sizeOfPart : length - from);
   return static_cast<int>(strtol(part, nullptr, 10));
 }
 
