@@ -2,8 +2,8 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -14,84 +14,146 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 namespace daxo_test {
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 namespace {
 
 constexpr const char* kMosquitto = "/usr/sbin/mosquitto";
 constexpr const char* kReadyLine = "daxo-agent: ready";
-// Generous: sanitizer builds start processes and handshakes slowly.
-constexpr auto kStartTimeout = std::chrono::seconds(20);
-constexpr int kPortAttempts = 3;
+constexpr auto kStartTimeout = 20s;  // sanitizer builds start slowly
 
-int BindEphemeralPort(int& fd) {
-  fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-    throw std::runtime_error("cannot find a free port");
-  return ntohs(address.sin_port);
+using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free_all)>;
+using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using X509Ptr = std::unique_ptr<X509, decltype(&X509_free)>;
+using Extensions = std::vector<std::pair<int, std::string>>;
+
+void Check(bool ok, const char* what) {
+  if (!ok) throw std::runtime_error(std::string("test PKI: ") + what);
 }
 
-bool Accepts(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Writes name.crt and name.key, readable by their owner only.
+void WritePair(const std::string& name, EVP_PKEY* key, X509* cert) {
+  for (bool isKey : {false, true}) {
+    std::string path = name + (isKey ? ".key" : ".crt");
+    BioPtr bio(BIO_new_file(path.c_str(), "w"), BIO_free_all);
+    Check(bio && (isKey ? PEM_write_bio_PrivateKey(bio.get(), key, 0, 0, 0, 0, 0)
+                        : PEM_write_bio_X509(bio.get(), cert)) == 1,
+          "PEM");
+    fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
+  }
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  if (!(std::ofstream(path, std::ios::binary) << content)) throw std::runtime_error(path);
+}
+
+sockaddr_in Loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+// Both sockets stay bound until both ports are known, so that they differ.
+void PickPorts(int& first, int& second) {
+  int fds[2] = {-1, -1}, *ports[2] = {&first, &second};
+  bool bound = true;
+  for (int i = 0; i < 2; ++i) {
+    sockaddr_in address = Loopback(0);
+    socklen_t size = sizeof address;
+    fds[i] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bound = bound && fds[i] >= 0 &&
+            bind(fds[i], reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+            getsockname(fds[i], reinterpret_cast<sockaddr*>(&address), &size) == 0;
+    *ports[i] = ntohs(address.sin_port);
+  }
+  for (int fd : fds)
+    if (fd >= 0) close(fd);
+  if (!bound) throw std::runtime_error("cannot find free ports");
+}
+
+bool Accepts(int port) {
+  sockaddr_in address = Loopback(port);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   bool connected =
       fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   if (fd >= 0) close(fd);
   return connected;
 }
 
-struct ScopedFd {
-  int fd;
-  ~ScopedFd() {
-    if (fd >= 0) close(fd);
-  }
-};
-
 std::string Tail(const std::vector<std::string>& lines) {
   std::string text;
-  std::size_t first = lines.size() > 20 ? lines.size() - 20 : 0;
-  for (std::size_t i = first; i < lines.size(); ++i) text += "\n  " + lines[i];
+  for (std::size_t i = lines.size() > 20 ? lines.size() - 20 : 0; i < lines.size(); ++i)
+    text += "\n  " + lines[i];
   return text;
 }
 
-std::string ListenerSection(int port, const std::string& folder, const std::string& certName,
-                            bool mutual) {
-  std::string section = "\nlistener " + std::to_string(port) + " 127.0.0.1\n";
-  section += "cafile " + folder + "/ca.crt\n";
-  section += "certfile " + folder + "/" + certName + ".crt\n";
-  section += "keyfile " + folder + "/" + certName + ".key\n";
-  if (mutual)
-    section +=
-        "allow_anonymous false\nrequire_certificate true\nuse_identity_as_username true\n"
-        "acl_file " +
-        folder + "/main.acl\n";
-  else
-    section +=
-        "allow_anonymous true\nrequire_certificate false\n"
-        "acl_file " +
-        folder + "/provisioning.acl\n";
-  return section;
+long ReadyCount(const std::vector<std::string>& lines) {
+  return std::count(lines.begin(), lines.end(), kReadyLine);
 }
 
 }  // namespace
+
+struct TestEnvironment::Authority {
+  KeyPtr key{EVP_EC_gen("P-256"), EVP_PKEY_free};
+  X509Ptr cert{nullptr, X509_free};
+  long serial = 1;
+
+  explicit Authority(const std::string& name) {
+    cert = Sign(key.get(), {name, -1h},
+                {{NID_basic_constraints, "critical,CA:TRUE"},
+                 {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                 {NID_subject_key_identifier, "hash"}});
+  }
+
+  X509Ptr Sign(EVP_PKEY* subjectKey, const CertificateTerms& terms, const Extensions& extensions) {
+    X509Ptr made(X509_new(), X509_free);
+    X509* issuer = cert ? cert.get() : made.get();
+    Check(
+        key && made && X509_set_version(made.get(), X509_VERSION_3) == 1 &&
+            ASN1_INTEGER_set(X509_get_serialNumber(made.get()), serial++) == 1 &&
+            X509_gmtime_adj(X509_getm_notBefore(made.get()), terms.start.count()) &&
+            X509_gmtime_adj(X509_getm_notAfter(made.get()), (terms.start + 24h).count()) &&
+            X509_set_pubkey(made.get(), subjectKey) == 1 &&
+            X509_NAME_add_entry_by_NID(
+                X509_get_subject_name(made.get()), NID_commonName, MBSTRING_UTF8,
+                reinterpret_cast<const unsigned char*>(terms.commonName.c_str()), -1, -1, 0) == 1 &&
+            X509_set_issuer_name(made.get(), X509_get_subject_name(issuer)) == 1,
+        "certificate");
+    for (const auto& [nid, value] : extensions) {
+      X509V3_CTX context;
+      X509V3_set_ctx(&context, issuer, made.get(), nullptr, nullptr, 0);
+      std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
+          X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()), X509_EXTENSION_free);
+      Check(extension && X509_add_ext(made.get(), extension.get(), -1) == 1, "extension");
+    }
+    Check(X509_sign(made.get(), key.get(), EVP_sha256()) > 0, "signature");
+    return made;
+  }
+
+  // Writes name.key and name.crt.
+  void Issue(const std::string& name, const CertificateTerms& terms, bool server = false) {
+    KeyPtr subjectKey(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    Check(subjectKey != nullptr, "key");
+    Extensions extensions = {{NID_basic_constraints, "critical,CA:FALSE"},
+                             {NID_key_usage, "critical,digitalSignature"},
+                             {NID_ext_key_usage, server ? "serverAuth" : "clientAuth"},
+                             {NID_authority_key_identifier, "keyid"}};
+    if (server) extensions.emplace_back(NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+    X509Ptr issued = Sign(subjectKey.get(), terms, extensions);
+    WritePair(name, subjectKey.get(), issued.get());
+  }
+};
 
 TestEnvironment::TempFolder::TempFolder() {
   const char* base = std::getenv("DAXO_TEST_TMP");
   fs::path root = base != nullptr && *base != '\0' ? base : "/tmp";
   fs::create_directories(root);
   std::string pattern = (root / "daxo-env-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr)
-    throw std::runtime_error("mkdtemp failed in " + root.string());
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed in " + pattern);
   path = pattern;
 }
 
@@ -101,20 +163,28 @@ TestEnvironment::TempFolder::~TempFolder() {
 }
 
 TestEnvironment::TestEnvironment(std::vector<std::string> agentArguments)
-    : folder_(temp_.path), agentArguments_(std::move(agentArguments)), authority_("daxo test CA") {
-  WritePki();
+    : agentArguments_(std::move(agentArguments)),
+      authority_(std::make_unique<Authority>("daxo test CA")) {
+  authority_->Issue(PathOf("broker"), {"localhost", -1h}, true);
+  authority_->Issue(PathOf("agent"), {"daxo-agent", -1h});
+  fs::create_directory(folder_ / "agent-state");
+  fs::permissions(folder_ / "agent-state", fs::perms::owner_all, fs::perm_options::replace);
+  WritePair(PathOf("agent-state/ca"), authority_->key.get(), authority_->cert.get());
+  fs::copy_file(PathOf("agent-state/ca.crt"), CaFile());
+  WriteFile(PathOf("provisioning.acl"), "topic write /createConnector\ntopic read /certBack/#\n");
+  WriteFile(PathOf("main.acl"),
+            "pattern readwrite /v1.0/%u/#\n\nuser daxo-agent\ntopic readwrite #\n");
+  fs::create_directory(folder_ / "clients");
   // Another process may take a port between our probe and the broker's bind.
-  for (int attempt = 1;; ++attempt) {
-    PickPorts();
-    WriteBrokerConfig(BrokerIdentity::kTrusted);
-    try {
+  for (int attempt = 1;; ++attempt) try {
+      PickPorts(provisionPort_, mainPort_);
+      WriteBrokerConfig(BrokerIdentity::kTrusted);
       StartBroker();
       break;
     } catch (const std::runtime_error&) {
+      if (attempt == 3) throw;
       broker_.Stop();
-      if (attempt == kPortAttempts) throw;
     }
-  }
   StartAgent();
 }
 
@@ -125,95 +195,42 @@ TestEnvironment::~TestEnvironment() {
   broker_.Stop();
 }
 
-std::string TestEnvironment::CaFile() const { return PathOf("ca.crt"); }
-
-void TestEnvironment::WritePki() {
-  WriteFile(PathOf("ca.crt"), authority_.Own().certPem);
-  KeyAndCertificate broker = authority_.Issue({"localhost",
-                                               "",
-                                               {"localhost"},
-                                               {"127.0.0.1"},
-                                               true,
-                                               std::chrono::hours(-1),
-                                               std::chrono::hours(48)});
-  WriteFile(PathOf("broker.crt"), broker.certPem);
-  WriteFile(PathOf("broker.key"), broker.keyPem, 0600);
-  KeyAndCertificate agent = authority_.Issue(
-      {"daxo-agent", "", {}, {}, false, std::chrono::hours(-1), std::chrono::hours(48)});
-  WriteFile(PathOf("agent.crt"), agent.certPem);
-  WriteFile(PathOf("agent.key"), agent.keyPem, 0600);
-  fs::create_directory(folder_ / "agent-state");
-  fs::permissions(folder_ / "agent-state", fs::perms::owner_all, fs::perm_options::replace);
-  WriteFile(PathOf("agent-state/ca.crt"), authority_.Own().certPem);
-  WriteFile(PathOf("agent-state/ca.key"), authority_.Own().keyPem, 0600);
-  WriteFile(PathOf("provisioning.acl"), "topic write /createConnector\ntopic read /certBack/#\n");
-  WriteFile(PathOf("main.acl"),
-            "pattern readwrite /v1.0/%u/#\n\nuser daxo-agent\ntopic readwrite #\n");
-  fs::create_directory(folder_ / "clients");
-}
-
-void TestEnvironment::PickPorts() {
-  // Both sockets stay bound until both ports are known, so they differ.
-  int provisionFd = -1, mainFd = -1;
-  try {
-    provisionPort_ = BindEphemeralPort(provisionFd);
-    mainPort_ = BindEphemeralPort(mainFd);
-  } catch (...) {
-    if (provisionFd >= 0) close(provisionFd);
-    if (mainFd >= 0) close(mainFd);
-    throw;
-  }
-  close(provisionFd);
-  close(mainFd);
-}
-
 void TestEnvironment::WriteBrokerConfig(BrokerIdentity identity) {
-  std::string certName = "broker";
-  if (identity == BrokerIdentity::kForeign) {
-    if (!foreignAuthority_) {
-      foreignAuthority_ = std::make_unique<TestAuthority>("daxo foreign CA");
-      KeyAndCertificate foreign = foreignAuthority_->Issue({"localhost",
-                                                            "",
-                                                            {"localhost"},
-                                                            {"127.0.0.1"},
-                                                            true,
-                                                            std::chrono::hours(-1),
-                                                            std::chrono::hours(48)});
-      WriteFile(PathOf("foreign-broker.crt"), foreign.certPem);
-      WriteFile(PathOf("foreign-broker.key"), foreign.keyPem, 0600);
-    }
-    certName = "foreign-broker";
-  }
-  std::string config = "per_listener_settings true\npersistence false\nset_tcp_nodelay true\n";
-  config += "log_dest file " + PathOf("mosquitto.log") + "\nlog_type all\n";
+  std::string cert = identity == BrokerIdentity::kTrusted ? "broker" : "foreign-broker";
+  if (identity == BrokerIdentity::kForeign && !fs::exists(PathOf(cert + ".crt")))
+    Authority("daxo foreign CA").Issue(PathOf(cert), {"localhost", -1h}, true);
+  std::string config =
+      "per_listener_settings true\npersistence false\nset_tcp_nodelay true\n"
+      "log_dest file " +
+      PathOf("mosquitto.log") + "\nlog_type all\n";
   // As root the broker would switch to its own user, which cannot read this folder.
   if (geteuid() == 0) config += "user root\n";
-  config += ListenerSection(provisionPort_, folder_.string(), certName, false);
-  config += ListenerSection(mainPort_, folder_.string(), certName, true);
+  for (bool main : {false, true})
+    config += "\nlistener " + std::to_string(main ? mainPort_ : provisionPort_) + " " + host_ +
+              "\ncafile " + CaFile() + "\ncertfile " + PathOf(cert + ".crt") + "\nkeyfile " +
+              PathOf(cert + ".key") +
+              (main ? "\nallow_anonymous false\nrequire_certificate true\n"
+                      "use_identity_as_username true\nacl_file " +
+                          PathOf("main.acl")
+                    : "\nallow_anonymous true\nrequire_certificate false\nacl_file " +
+                          PathOf("provisioning.acl")) +
+              "\n";
   WriteFile(PathOf("mosquitto.conf"), config);
   identity_ = identity;
 }
 
 void TestEnvironment::StartBroker() {
-  int readyBefore = ReadyCount();
+  long readyBefore = ReadyCount(agent_.Lines());
   broker_.Start({kMosquitto, "-c", PathOf("mosquitto.conf")}, PathOf("broker.out"));
-  WaitForBrokerListening();
-  if (identity_ == BrokerIdentity::kTrusted && !agentStopped_ && agent_.Running())
-    WaitForAgentReady(readyBefore);
-}
-
-void TestEnvironment::WaitForBrokerListening() {
   auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
   while (!(Accepts(provisionPort_) && Accepts(mainPort_))) {
     if (!broker_.Running() || std::chrono::steady_clock::now() >= deadline)
-      throw std::runtime_error("mosquitto does not listen on ports " +
-                               std::to_string(provisionPort_) + " and " +
-                               std::to_string(mainPort_) + ":" + Tail(broker_.Lines()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      throw std::runtime_error("mosquitto does not listen:" + Tail(broker_.Lines()));
+    std::this_thread::sleep_for(10ms);
   }
+  if (identity_ == BrokerIdentity::kTrusted && !agentStopped_ && agent_.Running())
+    WaitForAgentReady(readyBefore);
 }
-
-void TestEnvironment::StopBroker() { broker_.Stop(); }
 
 void TestEnvironment::RestartBroker(BrokerIdentity identity) {
   StopBroker();
@@ -227,114 +244,73 @@ std::optional<ExitStatus> TestEnvironment::StopAgent() {
 }
 
 void TestEnvironment::StartAgent() {
-  std::vector<std::string> argv = {DAXO_AGENT_PATH,
-                                   "--host",
-                                   host_,
-                                   "--port",
-                                   std::to_string(mainPort_),
-                                   "--cafile",
-                                   PathOf("ca.crt"),
-                                   "--cert",
-                                   PathOf("agent.crt"),
-                                   "--key",
-                                   PathOf("agent.key"),
-                                   "--state",
-                                   PathOf("agent-state")};
+  std::vector<std::string> argv = {DAXO_AGENT_PATH, "--host", host_, "--cafile", CaFile()};
+  argv.insert(argv.end(), {"--port", std::to_string(mainPort_), "--state", PathOf("agent-state")});
+  argv.insert(argv.end(), {"--cert", PathOf("agent.crt"), "--key", PathOf("agent.key")});
   argv.insert(argv.end(), agentArguments_.begin(), agentArguments_.end());
   agent_.Start(argv, PathOf("agent.log"));
   agentStopped_ = false;
   if (identity_ == BrokerIdentity::kTrusted && broker_.Running()) WaitForAgentReady(0);
 }
 
-int TestEnvironment::ReadyCount() const {
-  std::vector<std::string> lines = agent_.Lines();
-  return static_cast<int>(std::count(lines.begin(), lines.end(), kReadyLine));
-}
-
-void TestEnvironment::WaitForAgentReady(int readyBefore) {
-  auto ready = [readyBefore](const std::vector<std::string>& lines) {
-    return std::count(lines.begin(), lines.end(), kReadyLine) > readyBefore;
-  };
-  if (!agent_.WaitForOutput(ready, kStartTimeout))
+void TestEnvironment::WaitForAgentReady(long readyBefore) {
+  if (!agent_.WaitForOutput([=](const auto& lines) { return ReadyCount(lines) > readyBefore; },
+                            kStartTimeout))
     throw std::runtime_error("daxo-agent did not become ready:" + Tail(agent_.Lines()));
 }
 
 bool TestEnvironment::WaitForAgentOutput(std::string_view text, std::chrono::milliseconds timeout) {
-  return agent_.WaitForOutput(
-      [text](const std::vector<std::string>& lines) {
-        return std::any_of(lines.begin(), lines.end(), [text](const std::string& line) {
-          return line.find(text) != std::string::npos;
-        });
-      },
-      timeout);
+  auto has = [text](const std::string& line) { return line.find(text) != line.npos; };
+  return agent_.WaitForOutput([&](const auto& lines) { return std::ranges::any_of(lines, has); },
+                              timeout);
 }
 
-std::string TestEnvironment::AgentControlSocket() const {
-  auto given = std::find(agentArguments_.begin(), agentArguments_.end(), "--control");
-  if (given != agentArguments_.end() && given + 1 != agentArguments_.end()) return *(given + 1);
-  return PathOf("agent-state/control.sock");
-}
-
-std::string TestEnvironment::AgentControl(const std::string& command,
-                                          std::chrono::milliseconds timeout) const {
-  std::string path = AgentControlSocket();
+std::string TestEnvironment::AgentControl(const std::string& command) const {
+  std::string path = PathOf("agent-state/control.sock");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path)
-    throw std::runtime_error("the control socket path is too long: " + path);
+  if (path.size() >= sizeof address.sun_path) throw std::runtime_error("too long: " + path);
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  ScopedFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  if (connect(fd.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+  std::string request = command + '\n', answer;
+  std::replace(request.begin(), request.end() - 1, '\n', ' ');
+  timeval timeout{10, 0};  // for each read: the answer is one short line
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { close(*f); });
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0 ||
+      connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      send(fd, request.data(), request.size(), MSG_NOSIGNAL) != std::ssize(request))
     throw std::runtime_error("no agent answers on " + path + ": " + std::strerror(errno));
-  std::string request = command;
-  std::replace(request.begin(), request.end(), '\n', ' ');
-  request += '\n';
-  if (send(fd.fd, request.data(), request.size(), MSG_NOSIGNAL) !=
-      static_cast<ssize_t>(request.size()))
-    throw std::runtime_error("cannot send the control command: " +
-                             std::string(std::strerror(errno)));
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::string answer;
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd entry{fd.fd, POLLIN, 0};
-    if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
-      throw std::runtime_error("no answer to \"" + command + "\" in time; so far: " + answer);
-    char buffer[4096];
-    ssize_t got = read(fd.fd, buffer, sizeof buffer);
-    if (got > 0) answer.append(buffer, static_cast<std::size_t>(got));
-    if (std::size_t end = answer.find('\n'); end != std::string::npos) return answer.substr(0, end);
-    if (got <= 0) throw std::runtime_error("the agent closed the control connection: " + answer);
-  }
+  char buffer[4096];
+  for (ssize_t got; answer.find('\n') == answer.npos;
+       answer.append(buffer, static_cast<std::size_t>(got)))
+    if ((got = read(fd, buffer, sizeof buffer)) <= 0)
+      throw std::runtime_error("no answer to \"" + command + "\"; so far: " + answer);
+  return answer.substr(0, answer.find('\n'));
 }
 
 std::string TestEnvironment::NewCertFolder() {
-  fs::path folder = folder_ / "clients" / ("client-" + std::to_string(++clientFolders_));
+  fs::path folder = folder_ / "clients" / ("client-" + std::to_string(++files_));
   fs::create_directory(folder);
   fs::permissions(folder, fs::perms::owner_all, fs::perm_options::replace);
   return folder.string();
 }
 
 std::string TestEnvironment::WriteClientConfig(const ClientConfig& config) {
-  std::string text = "MqttHost " + (config.host.empty() ? host_ : config.host) + "\n";
-  text += "MqttPort " + std::to_string(config.port != 0 ? config.port : mainPort_) + "\n";
-  text += "MqttProvisionPort " +
-          std::to_string(config.provisionPort != 0 ? config.provisionPort : provisionPort_) + "\n";
-  text += "MqttKeepAlive " + std::to_string(config.keepAlive) + "\n";
-  text += "CaFile " + (config.caFile.empty() ? CaFile() : config.caFile) + "\n";
-  text += "CertFolder " + config.certFolder + "\n";
+  std::string text = "MqttHost " + host_ + "\nMqttPort " + std::to_string(mainPort_) +
+                     "\nMqttProvisionPort " + std::to_string(provisionPort_) +
+                     "\nMqttKeepAlive 30\nCaFile " +
+                     (config.caFile.empty() ? CaFile() : config.caFile) + "\nCertFolder " +
+                     config.certFolder + "\n";
   if (config.clientName) text += "ClientName " + *config.clientName + "\n";
-  std::string path = PathOf("client-" + std::to_string(++clientConfigs_) + ".conf");
+  std::string path = PathOf("client-" + std::to_string(++files_) + ".conf");
   WriteFile(path, text);
   return path;
 }
 
 void TestEnvironment::IssueClientCertificate(const std::string& certFolder,
                                              const CertificateTerms& terms) const {
-  KeyAndCertificate issued = authority_.Issue(terms);
-  WriteFile(certFolder + "/cert.crt", issued.certPem);
-  WriteFile(certFolder + "/priv_key.key", issued.keyPem, 0600);
+  authority_->Issue(certFolder + "/cert", terms);
+  fs::rename(certFolder + "/cert.key", certFolder + "/priv_key.key");
 }
 
 }  // namespace daxo_test

@@ -4,20 +4,11 @@
 #include <mosquitto.h>
 #include <pthread.h>
 
-#include <algorithm>
-#include <chrono>
 #include <condition_variable>
-#include <ctime>
+#include <cstring>
 #include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "environment.h"
 
@@ -26,56 +17,34 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The wait for what must happen: long enough for a sanitizer build's TLS
-// handshake.
-constexpr auto kExpected = 10s;
-// The wait for what must not happen: over twice libmosquitto's one-second
-// reconnect delay.
-constexpr auto kAbsent = 2500ms;
+constexpr auto kExpected = 10s;   // a sanitizer build's TLS handshake included
+constexpr auto kAbsent = 2500ms;  // over twice libmosquitto's one-second reconnect delay
 
-// A call that deadlocks fails the test instead of hanging it: it is left
-// running on a thread of its own.
-std::optional<int> CallWithin(std::chrono::milliseconds timeout, std::function<int()> call) {
-  auto task = std::make_shared<std::packaged_task<int()>>(std::move(call));
-  std::future<int> result = task->get_future();
-  std::thread([task] { (*task)(); }).detach();
-  if (result.wait_for(timeout) != std::future_status::ready) return std::nullopt;
-  return result.get();
-}
-
-// A raw libmosquitto client with a certificate of the environment's CA and
-// every callback recorded.
 class RawTlsClient {
  public:
-  RawTlsClient(TestEnvironment& env, const std::string& name) : env_(env) {
+  explicit RawTlsClient(TestEnvironment& env) : env_(env) {
     std::string folder = env.NewCertFolder();
-    env.IssueClientCertificate(folder, {.commonName = name, .start = -1h});
-    mosq_ = mosquitto_new(name.c_str(), true, this);
-    if (mosq_ == nullptr) throw std::runtime_error("mosquitto_new failed");
+    env.IssueClientCertificate(folder, {.commonName = "raw-client", .start = -1h});
     mosquitto_tls_set(mosq_, env.CaFile().c_str(), nullptr, (folder + "/cert.crt").c_str(),
                       (folder + "/priv_key.key").c_str(), nullptr);
     mosquitto_reconnect_delay_set(mosq_, 1, 1, false);
-    mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
-      auto& client = *static_cast<RawTlsClient*>(self);
-      client.Record(client.connacks_, rc);
-      if (client.onConnect) client.onConnect();
+    mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int) {
+      if (RawTlsClient& c = Bump(self, &RawTlsClient::connacks_); c.onConnect) c.onConnect();
     });
-    mosquitto_disconnect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
-      static_cast<RawTlsClient*>(self)->Record(static_cast<RawTlsClient*>(self)->disconnects_, rc);
-    });
-    mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int mid, int, const int*) {
-      auto& client = *static_cast<RawTlsClient*>(self);
-      client.Record(client.subacks_, mid);
-      if (client.onSubscribe) client.onSubscribe();
+    mosquitto_disconnect_callback_set(
+        mosq_, [](mosquitto*, void* self, int) { Bump(self, &RawTlsClient::disconnects_); });
+    mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int, int, const int*) {
+      if (RawTlsClient& c = Bump(self, &RawTlsClient::subacks_); c.onSubscribe) c.onSubscribe();
     });
     mosquitto_log_callback_set(mosq_, [](mosquitto*, void* self, int, const char* line) {
-      auto& client = *static_cast<RawTlsClient*>(self);
-      std::lock_guard lock(client.mutex_);
-      client.logs_.push_back(line);
-      client.changed_.notify_all();
+      auto& c = *static_cast<RawTlsClient*>(self);
+      std::lock_guard lock(c.mutex_);
+      if (std::strstr(line, "certificate verify failed") && c.tlsFailures_++ == 0)
+        c.beforeTlsFailure_ = c.lastLog_;
+      c.lastLog_ = line;
+      c.changed_.notify_all();
     });
   }
-
   ~RawTlsClient() {
     if (mosq_ == nullptr) return;
     mosquitto_disconnect(mosq_);
@@ -83,81 +52,50 @@ class RawTlsClient {
   }
 
   mosquitto* Get() const { return mosq_; }
-  // Takes the instance away from the destructor: for a test that must not
-  // destroy it under a network thread it lost control of, or that has ended
-  // that thread itself.
+  // Keeps the destructor off an instance whose network thread it cannot stop.
   mosquitto* Release() { return std::exchange(mosq_, nullptr); }
 
-  // mosquitto_loop_stop, bounded. A stop that does not return in time keeps
-  // the instance: it is never destroyed under the thread still joining.
+  // Bounded: a stop that does not return leaks the instance.
   std::optional<int> LoopStop(bool force) {
-    mosquitto* mosq = mosq_;
-    std::optional<int> rc =
-        CallWithin(kExpected, [mosq, force] { return mosquitto_loop_stop(mosq, force); });
-    if (!rc) ADD_FAILURE() << "mosquitto_loop_stop(" << force << ") did not return; leaked";
-    if (!rc) Release();
-    return rc;
+    auto stop = std::make_shared<std::packaged_task<int()>>(
+        [mosq = mosq_, force] { return mosquitto_loop_stop(mosq, force); });
+    std::future<int> result = stop->get_future();
+    std::thread([stop] { (*stop)(); }).detach();
+    if (result.wait_for(kExpected) == std::future_status::ready) return result.get();
+    ADD_FAILURE() << "mosquitto_loop_stop(" << force << ") did not return";
+    Release();
+    return std::nullopt;
   }
-
   // Blocking, so that a broker out of reach is reported here.
   bool ConnectAndStartLoop() {
     return mosquitto_connect(mosq_, env_.Host().c_str(), env_.MainPort(), 30) == MOSQ_ERR_SUCCESS &&
-           mosquitto_loop_start(mosq_) == MOSQ_ERR_SUCCESS && WaitForConnacks(1, kExpected);
+           mosquitto_loop_start(mosq_) == MOSQ_ERR_SUCCESS && WaitFor(&RawTlsClient::connacks_, 1);
   }
-  int ConnectAsync() {
-    return mosquitto_connect_async(mosq_, env_.Host().c_str(), env_.MainPort(), 30);
-  }
-
-  bool WaitForConnacks(size_t count, std::chrono::milliseconds timeout) {
-    return WaitUntil(timeout, [&] { return connacks_.size() >= count; });
-  }
-  bool WaitForDisconnects(size_t count, std::chrono::milliseconds timeout) {
-    return WaitUntil(timeout, [&] { return disconnects_.size() >= count; });
-  }
-  bool WaitForSubacks(size_t count, std::chrono::milliseconds timeout) {
-    return WaitUntil(timeout, [&] { return subacks_.size() >= count; });
-  }
-  bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout) {
-    return WaitUntil(timeout, [&] {
-      return std::any_of(logs_.begin(), logs_.end(),
-                         [&](const std::string& line) { return line.find(text) != line.npos; });
-    });
-  }
-  // The line logged just before the first one that contains text.
-  std::string LogBefore(const std::string& text) {
-    std::lock_guard lock(mutex_);
-    auto found = std::find_if(logs_.begin(), logs_.end(), [&](const std::string& line) {
-      return line.find(text) != line.npos;
-    });
-    return found == logs_.begin() || found == logs_.end() ? "" : *(found - 1);
-  }
-  size_t Disconnects() {
-    std::lock_guard lock(mutex_);
-    return disconnects_.size();
+  bool WaitFor(int RawTlsClient::*events, int count,
+               std::chrono::milliseconds timeout = kExpected) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return this->*events >= count; });
   }
 
-  // Run inside the connect and subscribe callbacks, on the network thread;
-  // set them before the loop starts.
+  // Run on the network thread; set before the loop starts.
   std::function<void()> onConnect, onSubscribe;
+  int connacks_ = 0, disconnects_ = 0, subacks_ = 0, tlsFailures_ = 0;
+  std::string beforeTlsFailure_;  // the line logged before the first TLS failure
+  std::mutex mutex_;
+  std::condition_variable changed_;
 
  private:
-  void Record(std::vector<int>& events, int value) {
-    std::lock_guard lock(mutex_);
-    events.push_back(value);
-    changed_.notify_all();
-  }
-  template <class Predicate>
-  bool WaitUntil(std::chrono::milliseconds timeout, Predicate done) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, done);
+  static RawTlsClient& Bump(void* self, int RawTlsClient::*events) {
+    auto& client = *static_cast<RawTlsClient*>(self);
+    std::lock_guard lock(client.mutex_);
+    ++(client.*events);
+    client.changed_.notify_all();
+    return client;
   }
 
   TestEnvironment& env_;
-  mosquitto* mosq_ = nullptr;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<int> connacks_, disconnects_, subacks_;
-  std::vector<std::string> logs_;
+  mosquitto* mosq_ = mosquitto_new("raw-client", true, this);
+  std::string lastLog_;
 };
 
 class LibmosquittoBehaviour : public ::testing::Test {
@@ -166,17 +104,17 @@ class LibmosquittoBehaviour : public ::testing::Test {
   static void TearDownTestSuite() { mosquitto_lib_cleanup(); }
 
   TestEnvironment env;
-  RawTlsClient client{env, "raw-client"};
+  RawTlsClient client{env};
 };
 
-// The library cannot stop a network thread from one of its callbacks. The
-// self-join fails unnoticed and the call reports success, but the thread runs
-// on and the instance believes it has none: the real stop is then refused,
-// and mosquitto_destroy would free the instance under the running thread.
+// The library cannot stop a network thread from one of its callbacks: the
+// self-join fails unnoticed and the call reports success, but the thread
+// runs on while the instance believes it has none, so the real stop is
+// refused and mosquitto_destroy would free the instance under the thread.
 TEST_F(LibmosquittoBehaviour, LoopStopOnTheNetworkThreadReturnsButTheThreadRunsOn) {
 #if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "ThreadSanitizer loses track of a thread whose self-join failed: it reports "
-                  "the thread as leaked, and aborts when the thread is joined";
+  GTEST_SKIP() << "ThreadSanitizer reports a thread whose self-join failed as leaked, and aborts "
+                  "when it is joined";
 #endif
   std::promise<int> stopped;
   std::promise<void> checked;
@@ -186,9 +124,8 @@ TEST_F(LibmosquittoBehaviour, LoopStopOnTheNetworkThreadReturnsButTheThreadRunsO
     stopped.set_value(mosquitto_loop_stop(client.Get(), false));
     mosquitto_subscribe(client.Get(), nullptr, "/v1.0/raw-client/#", 2);
   };
-  // The disconnect is made on the network thread too: from another thread,
-  // an instance that believes itself unthreaded closes its socket and frees
-  // its TLS state under the running thread.
+  // From another thread, an instance that believes itself unthreaded would
+  // close its socket and free its TLS state under the running thread.
   client.onSubscribe = [&] {
     checked.get_future().wait_for(kExpected);
     mosquitto_disconnect(client.Get());
@@ -200,12 +137,10 @@ TEST_F(LibmosquittoBehaviour, LoopStopOnTheNetworkThreadReturnsButTheThreadRunsO
     FAIL() << "mosquitto_loop_stop deadlocked inside the connect callback";
   }
   EXPECT_EQ(result.get(), MOSQ_ERR_SUCCESS);
-  EXPECT_TRUE(client.WaitForSubacks(1, kExpected)) << "the network thread still reads";
+  EXPECT_TRUE(client.WaitFor(&RawTlsClient::subacks_, 1)) << "the network thread still reads";
   EXPECT_EQ(mosquitto_loop_stop(client.Get(), false), MOSQ_ERR_INVAL);
   checked.set_value();
-
-  // With the thread out of the instance's hands, only a join of our own
-  // makes destroying the instance safe.
+  // Only a join of our own makes destroying the instance safe.
   timespec deadline{};
   clock_gettime(CLOCK_REALTIME, &deadline);
   deadline.tv_sec += std::chrono::seconds(kExpected).count();
@@ -216,58 +151,49 @@ TEST_F(LibmosquittoBehaviour, LoopStopOnTheNetworkThreadReturnsButTheThreadRunsO
   mosquitto_destroy(client.Release());
 }
 
-// Why the library starts a loop for every connection it makes: the loop
-// ends with a requested disconnect, and without one a connect_async is never
-// completed.
+// Why the library starts a loop for every connection it makes.
 TEST_F(LibmosquittoBehaviour, ADisconnectEndsTheLoopAndTheNextConnectNeedsANewOne) {
   ASSERT_TRUE(client.ConnectAndStartLoop());
   ASSERT_EQ(mosquitto_disconnect(client.Get()), MOSQ_ERR_SUCCESS);
-  ASSERT_TRUE(client.WaitForDisconnects(1, kExpected));
-  EXPECT_EQ(client.LoopStop(false), MOSQ_ERR_SUCCESS)
-      << "without force, it returns only once the thread has ended";
-
-  ASSERT_EQ(client.ConnectAsync(), MOSQ_ERR_SUCCESS);
-  EXPECT_FALSE(client.WaitForConnacks(2, kAbsent));
+  ASSERT_TRUE(client.WaitFor(&RawTlsClient::disconnects_, 1));
+  EXPECT_EQ(client.LoopStop(false), MOSQ_ERR_SUCCESS) << "it returns only once the thread ended";
+  ASSERT_EQ(mosquitto_connect_async(client.Get(), env.Host().c_str(), env.MainPort(), 30),
+            MOSQ_ERR_SUCCESS);
+  EXPECT_FALSE(client.WaitFor(&RawTlsClient::connacks_, 2, kAbsent));
   ASSERT_EQ(mosquitto_loop_start(client.Get()), MOSQ_ERR_SUCCESS);
-  EXPECT_TRUE(client.WaitForConnacks(2, kExpected));
+  EXPECT_TRUE(client.WaitFor(&RawTlsClient::connacks_, 2));
 }
 
-// Why the library must restart a connection after a TLS failure itself: a
-// handshake that fails inside the loop (the reconnect has already queued its
-// CONNECT) is final and the thread ends without another callback, while one
-// that fails inside mosquitto_reconnect is retried. Which of the two happens
-// is a race, and the application is told the same in both cases.
+// Why the library restarts a connection after a TLS failure itself: a handshake
+// that fails inside the loop (after the reconnect queued its CONNECT) ends the
+// thread for good and unreported, while one failing inside mosquitto_reconnect
+// is retried; which one happens is a race.
 TEST_F(LibmosquittoBehaviour, ATlsFailureInsideTheLoopEndsTheNetworkThreadForGood) {
   ASSERT_TRUE(client.ConnectAndStartLoop());
   env.RestartBroker(BrokerIdentity::kForeign);
-  ASSERT_TRUE(client.WaitForLog("certificate verify failed", kExpected));
-  bool failedInsideTheLoop =
-      client.LogBefore("certificate verify failed").ends_with("sending CONNECT");
-
+  ASSERT_TRUE(client.WaitFor(&RawTlsClient::tlsFailures_, 1));
   env.RestartBroker(BrokerIdentity::kTrusted);
-  if (failedInsideTheLoop) {
-    EXPECT_FALSE(client.WaitForConnacks(2, kAbsent));
-    EXPECT_EQ(client.LoopStop(false), MOSQ_ERR_SUCCESS)
-        << "the thread has ended, although nobody asked for a disconnect";
+  if (client.beforeTlsFailure_.ends_with("sending CONNECT")) {  // set once, before the count
+    EXPECT_FALSE(client.WaitFor(&RawTlsClient::connacks_, 2, kAbsent));
+    EXPECT_EQ(client.LoopStop(false), MOSQ_ERR_SUCCESS) << "the thread ended unasked";
   } else {
-    EXPECT_TRUE(client.WaitForConnacks(2, kExpected));
+    EXPECT_TRUE(client.WaitFor(&RawTlsClient::connacks_, 2));
   }
-  EXPECT_EQ(client.Disconnects(), 1u);
+  EXPECT_FALSE(client.WaitFor(&RawTlsClient::disconnects_, 2, 0ms));
 }
 
 // Why the library cannot leave a first connection to libmosquitto: a TLS
 // connect_async that finds no broker reports success and then nothing, its
-// loop never connects once the broker is back, and a disconnect does not end
-// that loop either; only a forced stop does.
+// loop never connects once the broker is back, and only a forced stop ends it.
 TEST_F(LibmosquittoBehaviour, AConnectAsyncWhileTheBrokerIsDownIsNeverReported) {
   env.StopBroker();
-  EXPECT_EQ(client.ConnectAsync(), MOSQ_ERR_SUCCESS);
+  EXPECT_EQ(mosquitto_connect_async(client.Get(), env.Host().c_str(), env.MainPort(), 30),
+            MOSQ_ERR_SUCCESS);
   ASSERT_EQ(mosquitto_loop_start(client.Get()), MOSQ_ERR_SUCCESS);
   env.StartBroker();
-  EXPECT_FALSE(client.WaitForConnacks(1, kAbsent));
-
+  EXPECT_FALSE(client.WaitFor(&RawTlsClient::connacks_, 1, kAbsent));
   EXPECT_EQ(mosquitto_disconnect(client.Get()), MOSQ_ERR_SUCCESS);
-  EXPECT_FALSE(client.WaitForDisconnects(1, kAbsent));
+  EXPECT_FALSE(client.WaitFor(&RawTlsClient::disconnects_, 1, kAbsent));
   EXPECT_EQ(client.LoopStop(true), MOSQ_ERR_SUCCESS);
 }
 

@@ -1,168 +1,373 @@
-// The library against the real broker and the development agent:
-// provisioning, connection, the connection check and deprovisioning.
+// The library against the real broker and the development agent: identity,
+// connection, outages, certificate renewal, sensors and metrics.
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "daxo_client.h"
 #include "daxo_internal.h"
 #include "environment.h"
-#include "library_client.h"
 
 namespace daxo_test {
 namespace {
 
 namespace fs = std::filesystem;
 
+// A library client in the environment. Every callback is recorded as (name,
+// code, summary) so that a test can wait, bounded, for the next one.
+class LibraryClient {
+ public:
+  static constexpr int kNone = -999;  // no callback within the wait
+  struct Event {
+    int code = kNone;
+    std::string text = "none";
+  };
+
+  LibraryClient(TestEnvironment& env, ClientConfig config = {}) {
+    if (config.certFolder.empty()) config.certFolder = env.NewCertFolder();
+    certFolder_ = config.certFolder;
+    DAXO_Error err = DAXO_Error_Unknown;
+    client_ = DAXO_NewClient(env.WriteClientConfig(config).c_str(), this, &err);
+    if (client_ == nullptr) throw std::runtime_error("DAXO_NewClient: " + std::to_string(err));
+    SetCallbacks(client_);
+  }
+  ~LibraryClient() { DAXO_DeleteClient(client_); }
+
+  operator DAXO_Client*() const { return client_; }
+  DAXO_Client* operator->() const { return client_; }
+  const std::string& CertFolder() const { return certFolder_; }
+  std::string Id() const { return Str(DAXO_GetClientId(client_), ""); }
+
+  Event Next(const std::string& name, std::chrono::seconds timeout = std::chrono::seconds(20)) {
+    std::unique_lock lock(mutex_);
+    size_t& next = consumed_[name];
+    if (!changed_.wait_for(lock, timeout, [&] { return events_[name].size() > next; })) return {};
+    return events_[name][next++];
+  }
+  int Code(const std::string& name) { return Next(name).code; }
+  bool WaitForLog(const std::string& text) {
+    for (Event line = Next("log"); line.code != kNone; line = Next("log"))
+      if (line.text.find(text) != std::string::npos) return true;
+    return false;
+  }
+  bool CheckConnection() {
+    return DAXO_CheckConnection(client_) == 0 && Code("check") == DAXO_ApiError_NoError;
+  }
+  bool ProvisionAndConnect() {
+    return DAXO_ProvisionClient(client_) == 0 && Code("provision") == 0 &&
+           DAXO_Connect(client_) == 0 && Code("connect") == 0;
+  }
+  void Record(const std::string& name, int code, std::string text = "") {
+    std::lock_guard lock(mutex_);
+    events_[name].push_back({code, std::move(text)});
+    changed_.notify_all();
+  }
+
+ private:
+  static LibraryClient& Self(void* p) { return *static_cast<LibraryClient*>(p); }
+  static std::string Str(const char* s, const char* null = "null") { return s ? s : null; }
+
+  // A callback's name as a template argument, so one function serves many.
+  template <size_t N>
+  struct Name {
+    constexpr Name(const char (&text)[N]) { std::copy_n(text, N, s); }
+    char s[N];
+  };
+  template <Name kName, typename Code>
+  static void Coded(DAXO_Client*, void* self, Code err) {
+    Self(self).Record(kName.s, err);
+  }
+  template <Name kName>
+  static void ById(DAXO_Client*, void* self, const char* id, DAXO_ApiError err) {
+    Self(self).Record(kName.s, err, Str(id));
+  }
+
+  static void SetCallbacks(DAXO_Client* c) {
+    DAXO_LogCallbackSet(
+        c, [](DAXO_Client*, const char* line, void* self) { Self(self).Record("log", 0, line); });
+    DAXO_ProvisionClientCallbackSet(c, Coded<"provision", DAXO_Error>);
+    DAXO_ConnectCallbackSet(c, Coded<"connect", DAXO_Error>);
+    DAXO_DisconnectCallbackSet(c, Coded<"disconnect", DAXO_Error>);
+    DAXO_CheckConnectionCallbackSet(c, Coded<"check", DAXO_ApiError>);
+    DAXO_DeprovisionClientCallbackSet(
+        c, [](DAXO_Client*, void* self) { Self(self).Record("deprovision", 0); });
+    DAXO_UpdateMetricsCallbackSet(c, ById<"updateMetrics">);
+    DAXO_DeleteMetricsCallbackSet(c, ById<"deleteMetrics">);
+    DAXO_PushMetricValuesCallbackSet(c, ById<"pushMetricValues">);
+    DAXO_UpdateSensorCallbackSet(c, ById<"updateSensor">);
+    DAXO_DeleteSensorCallbackSet(c, ById<"deleteSensor">);
+    DAXO_CreateSensorCallbackSet(
+        c, [](DAXO_Client*, void* self, const char*, const char* id, DAXO_ApiError err) {
+          Self(self).Record("createSensor", err, Str(id));
+        });
+    DAXO_CreateMetricsCallbackSet(
+        c, [](DAXO_Client*, void* self, DAXO_CreatedMetrics* created, DAXO_ApiError err) {
+          std::string text;  // the metric ids, in the order of the request
+          for (int i = 0; created != nullptr && i < created->metricsCount; ++i)
+            text += (i ? "|" : "") + Str(created->metrics[i].metricId);
+          Self(self).Record("createMetrics", err, text);
+          DAXO_DestroyCreatedMetrics(created);
+        });
+    DAXO_ListSensorsCallbackSet(c, [](DAXO_Client*, DAXO_SensorsInfo* list, void* self,
+                                      DAXO_ApiError err) {
+      std::string text;  // "name|id;..."
+      for (int i = 0; list != nullptr && i < list->sensorsCount; ++i)
+        text += (i ? ";" : "") + Str(list->sensors[i].name) + "|" + Str(list->sensors[i].sensorId);
+      Self(self).Record("listSensors", err, text);
+      DAXO_DestroySensorsInfo(list);
+    });
+    DAXO_DescribeMetricCallbackSet(c, [](DAXO_Client*, const char* sensorId,
+                                         DAXO_MetricMetadata* metric, void* self,
+                                         DAXO_ApiError err) {
+      std::string text = Str(sensorId);  // or "name|unit|annotation|value|lastUpdated"
+      if (DAXO_MetricMetadata* m = metric)
+        text = Str(m->name) + "|" + std::to_string(m->valueUnit) + "|" + Str(m->valueAnnotation) +
+               "|" + Str(m->value) + "|" + std::to_string(m->lastUpdated);
+      Self(self).Record("describeMetric", err, text);
+      DAXO_DestroyMetricMetadata(metric);
+    });
+    DAXO_CreateSensorJobCallbackSet(c, [](DAXO_Client*, DAXO_SensorMetadata* sensor, void* self) {
+      Self(self).Record("createSensorJob", 0, Str(sensor->name) + "|" + Str(sensor->sensorId));
+      DAXO_DestroySensorMetadata(sensor);
+    });
+    DAXO_DeleteSensorJobCallbackSet(c, [](DAXO_Client*, const char* id, void* self) {
+      Self(self).Record("deleteSensorJob", 0, Str(id));
+    });
+  }
+
+  std::string certFolder_;
+  DAXO_Client* client_ = nullptr;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<std::string, std::vector<Event>> events_;
+  std::map<std::string, size_t> consumed_;
+};
+
+std::string ReadFile(const fs::path& path) {
+  std::stringstream s;
+  s << std::ifstream(path).rdbuf();
+  return s.str();
+}
+
+// The stored certificate's common name; "" unless the stored key is its key.
+std::string MatchingCommonName(const std::string& folder) {
+  std::string pem = ReadFile(folder + "/cert.crt") + ReadFile(folder + "/priv_key.key");
+  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
+  EVP_PKEY* key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
+  char cn[256] = "";
+  if (cert && key && X509_check_private_key(cert, key) == 1)
+    X509_NAME_get_text_by_NID(X509_get_subject_name(cert), NID_commonName, cn, sizeof cn);
+  X509_free(cert), EVP_PKEY_free(key), BIO_free(bio);
+  return cn;
+}
+
+// A check's own request, handed back by the broker, is a reply of the wrong shape.
+void OnRenewal(DAXO_Client*, void* self, DAXO_Error err) {
+  if (err != DAXO_Error_WrongReply) static_cast<LibraryClient*>(self)->Record("renewal", err);
+}
+
 class LibraryTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { DAXO_LibInit(); }
   static void TearDownTestSuite() { DAXO_LibCleanup(); }
-
-  TestEnvironment env;
 };
 
-TEST_F(LibraryTest, ProvisionsConnectsChecksAndDisconnects) {
-  LibraryClient c(env);
-  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
-  ASSERT_EQ(c.Next("provision"), DAXO_Error_Success);
-  EXPECT_EQ(c.Id().rfind("IOT-Client-", 0), 0u) << c.Id();
-  EXPECT_TRUE(fs::exists(c.CertFolder() + "/cert.crt"));
-  EXPECT_TRUE(fs::exists(c.CertFolder() + "/priv_key.key"));
+TEST_F(LibraryTest, ProvisionsConnectsAndOutlastsOutages) {
+  TestEnvironment env;
+  LibraryClient a(env), b(env), late(env), fresh(env), refused(env, {.clientName = "bad/name"});
+  ASSERT_EQ(DAXO_ProvisionClient(a), DAXO_Error_Success);
+  ASSERT_EQ(a.Code("provision"), DAXO_Error_Success);
+  EXPECT_EQ(MatchingCommonName(a.CertFolder()), a.Id());
+  EXPECT_EQ(DAXO_ProvisionClient(a), DAXO_Error_AlreadyProvisioned);
+  EXPECT_EQ(a.Code("provision"), DAXO_Error_AlreadyProvisioned);
+  ASSERT_EQ(DAXO_Connect(a), DAXO_Error_Success);
+  ASSERT_EQ(a.Code("connect"), DAXO_Error_Success);
 
-  EXPECT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_AlreadyProvisioned);
-  EXPECT_EQ(c.Next("provision"), DAXO_Error_AlreadyProvisioned);
+  ASSERT_EQ(DAXO_ProvisionClient(refused), DAXO_Error_Success);
+  EXPECT_EQ(refused.Code("provision"), DAXO_Error_CertificateRequest);
+  EXPECT_EQ(refused.Id(), "");
 
-  ASSERT_EQ(DAXO_Connect(c.Get()), DAXO_Error_Success);
-  ASSERT_EQ(c.Next("connect"), DAXO_Error_Success);
-  ASSERT_EQ(DAXO_CheckConnection(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("check"), DAXO_ApiError_NoError);
-
-  ASSERT_EQ(DAXO_Disconnect(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("disconnect"), DAXO_Error_Success);
-  EXPECT_EQ(c.Pending("connect"), 0u);
-}
-
-TEST_F(LibraryTest, AStoredIdentityConnectsWithoutTheAgent) {
-  std::string folder;
-  std::string id;
-  {
-    LibraryClient first(env);
-    ASSERT_TRUE(first.ProvisionAndConnect());
-    folder = first.CertFolder();
-    id = first.Id();
-  }
-  LibraryClient second(env, {.certFolder = folder});
-  EXPECT_EQ(DAXO_ProvisionClient(second.Get()), DAXO_Error_AlreadyProvisioned);
-  EXPECT_EQ(second.Id(), id);
-  ASSERT_EQ(DAXO_Connect(second.Get()), DAXO_Error_Success);
-  EXPECT_EQ(second.Next("connect"), DAXO_Error_Success);
-}
-
-TEST_F(LibraryTest, ReconnectsOnItsOwnAfterABrokerRestart) {
-  LibraryClient c(env);
-  ASSERT_TRUE(c.ProvisionAndConnect());
-  env.StopBroker();
-  EXPECT_EQ(c.Next("disconnect"), DAXO_Error_UnexpectedDisconnect);
-  env.StartBroker();
-  EXPECT_EQ(c.Next("connect"), DAXO_Error_Success);
-  ASSERT_EQ(DAXO_CheckConnection(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("check"), DAXO_ApiError_NoError);
-}
-
-TEST_F(LibraryTest, DeprovisionsAndProvisionsAgainWhileConnected) {
-  LibraryClient c(env);
-  ASSERT_TRUE(c.ProvisionAndConnect());
-  std::string first = c.Id();
-  ASSERT_EQ(DAXO_DeprovisionClient(c.Get()), DAXO_Error_Success);
-  ASSERT_TRUE(c.Next("deprovision"));
-  EXPECT_FALSE(fs::exists(c.CertFolder() + "/cert.crt"));
-  EXPECT_FALSE(fs::exists(c.CertFolder() + "/priv_key.key"));
-  EXPECT_TRUE(env.WaitForAgentOutput("deprovisioned " + first));
-
-  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
-  ASSERT_EQ(c.Next("provision"), DAXO_Error_Success);
-  EXPECT_NE(c.Id(), first);
-  EXPECT_TRUE(fs::exists(c.CertFolder() + "/cert.crt"));
-}
-
-TEST_F(LibraryTest, TheAgentsRefusalReachesTheApplication) {
-  LibraryClient c(env, {.clientName = "bad/name"});
-  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("provision"), DAXO_Error_CertificateRequest);
-  EXPECT_EQ(c.Id(), "");
-}
-
-TEST_F(LibraryTest, AClientCannotPublishIntoAnothersTree) {
-  LibraryClient a(env), b(env);
-  ASSERT_TRUE(a.ProvisionAndConnect());
   ASSERT_TRUE(b.ProvisionAndConnect());
   std::string foreign = "/v1.0/" + a.Id() + "/ping/info/inbox";
-  ASSERT_EQ(SendMessageToAgent(b.Get(), foreign.c_str(), "{}", 2, nullptr), DAXO_Error_Success);
-  // Each connection's messages are handled in order: once b's own check is
-  // answered, its foreign publication has been dealt with by the broker.
-  ASSERT_EQ(DAXO_CheckConnection(b.Get()), DAXO_Error_Success);
-  ASSERT_EQ(b.Next("check"), DAXO_ApiError_NoError);
-  ASSERT_EQ(DAXO_CheckConnection(a.Get()), DAXO_Error_Success);
-  ASSERT_EQ(a.Next("check"), DAXO_ApiError_NoError);
-  EXPECT_EQ(a.Pending("check"), 0u) << "only a's own answer arrived";
+  ASSERT_EQ(SendMessageToAgent(b, foreign.c_str(), "{}", 2, nullptr), DAXO_Error_Success);
+  // Once b's own check is answered, the broker has dealt with the publication.
+  EXPECT_TRUE(b.CheckConnection());
+  EXPECT_TRUE(a.CheckConnection());
+  EXPECT_EQ(a.Next("check", {}).code, LibraryClient::kNone) << "only a's own answer arrived";
+
+  std::string first = b.Id();
+  ASSERT_EQ(DAXO_DeprovisionClient(b), DAXO_Error_Success);
+  ASSERT_NE(b.Code("deprovision"), LibraryClient::kNone);
+  EXPECT_TRUE(fs::is_empty(b.CertFolder()));
+  EXPECT_TRUE(env.WaitForAgentOutput("deprovisioned " + first));
+  ASSERT_EQ(DAXO_ProvisionClient(b), DAXO_Error_Success);
+  ASSERT_EQ(b.Code("provision"), DAXO_Error_Success);
+  EXPECT_NE(b.Id(), first);
+  EXPECT_EQ(MatchingCommonName(b.CertFolder()), b.Id());
+
+  // libmosquitto never completes a connect issued while the broker is down;
+  // the library restarts it, and reconnects an established client by itself.
+  ASSERT_EQ(DAXO_ProvisionClient(late), DAXO_Error_Success);
+  ASSERT_EQ(late.Code("provision"), DAXO_Error_Success);
+  env.StopBroker();
+  EXPECT_EQ(a.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
+  ASSERT_EQ(DAXO_Connect(late), DAXO_Error_Success);
+  EXPECT_EQ(late.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
+  ASSERT_EQ(DAXO_ProvisionClient(fresh), DAXO_Error_Success);
+  env.StartBroker();
+  EXPECT_EQ(a.Code("connect"), DAXO_Error_Success);
+  EXPECT_EQ(late.Code("connect"), DAXO_Error_Success);
+  EXPECT_EQ(fresh.Code("provision"), DAXO_Error_Success);
+
+  // libmosquitto's network thread ends for good on a TLS failure; the
+  // library must notice and keep trying.
+  env.RestartBroker(BrokerIdentity::kForeign);
+  EXPECT_EQ(a.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
+  EXPECT_TRUE(a.WaitForLog("certificate verify failed"));
+  env.RestartBroker(BrokerIdentity::kTrusted);
+  EXPECT_EQ(a.Code("connect"), DAXO_Error_Success);
+  EXPECT_EQ(a.Next("disconnect", {}).code, LibraryClient::kNone) << "one report per outage";
+
+  ASSERT_EQ(DAXO_Disconnect(a), DAXO_Error_Success);
+  EXPECT_EQ(a.Code("disconnect"), DAXO_Error_Success);
 }
 
-}  // namespace
-}  // namespace daxo_test
+TEST_F(LibraryTest, RenewsItsCertificateAndAuthority) {
+  TestEnvironment env({"--cert-days", "10"});
+  std::string caCopy = (env.Folder() / "client-ca.crt").string();
+  fs::copy_file(env.CaFile(), caCopy);
+  LibraryClient c(env, {.caFile = caCopy});
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  std::string id = c.Id(), before = ReadFile(c.CertFolder() + "/cert.crt");
+  DAXO_OnConnect onConnect = c->OnConnect;
+  ASSERT_EQ(CheckClientCertificateExpirationDate(c, OnRenewal), DAXO_Error_Success);
+  ASSERT_EQ(c.Next("renewal", std::chrono::seconds(30)).code, DAXO_Error_Success);
+  EXPECT_NE(ReadFile(c.CertFolder() + "/cert.crt"), before);
+  EXPECT_EQ(MatchingCommonName(c.CertFolder()), id);
+  EXPECT_EQ(c->OnConnect, onConnect) << "the application's OnConnect is back";
+  EXPECT_EQ(c.Next("connect", {}).code, LibraryClient::kNone) << "and was not called";
+  EXPECT_EQ(c.Next("disconnect", {}).code, LibraryClient::kNone) << "nor OnDisconnect";
 
-namespace daxo_test {
-namespace {
+  // A renewal stopped between key and certificate leaves a pair that does
+  // not belong together; the documented way back is a new identity.
+  ASSERT_EQ(DAXO_Disconnect(c), DAXO_Error_Success);
+  ASSERT_EQ(c.Code("disconnect"), DAXO_Error_Success);
+  std::string cert = ReadFile(c.CertFolder() + "/cert.crt");
+  env.IssueClientCertificate(c.CertFolder(), {.commonName = "someone-else"});
+  std::ofstream(c.CertFolder() + "/cert.crt") << cert;
+  EXPECT_NE(DAXO_Connect(c), DAXO_Error_Success) << "TLS refuses the mismatched pair";
+  fs::remove(c.CertFolder() + "/cert.crt"), fs::remove(c.CertFolder() + "/priv_key.key");
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  EXPECT_EQ(MatchingCommonName(c.CertFolder()), c.Id());
 
-// libmosquitto's network thread ends for good on the TLS failure; the
-// library must notice and keep trying.
-TEST_F(LibraryTest, ABrokerWithAForeignCertificateIsReportedAndOutlasted) {
+  env.AgentControl("offer-new-ca");
+  ASSERT_EQ(CheckCAExpirationDate(c, OnRenewal), DAXO_Error_Success);
+  ASSERT_EQ(c.Next("renewal", std::chrono::seconds(30)).code, DAXO_Error_Success);
+  EXPECT_EQ(ReadFile(caCopy), ReadFile(env.Folder() / "agent-state" / "ca.crt"));
+  EXPECT_EQ(c->OnConnect, onConnect);
+  EXPECT_EQ(c.Next("connect", {}).code, LibraryClient::kNone);
+  EXPECT_EQ(c.Code("disconnect"), DAXO_Error_Success) << "an authority change is not hidden";
+  EXPECT_TRUE(c.CheckConnection());
+}
+
+TEST_F(LibraryTest, ManagesSensorsAndMetrics) {
+  TestEnvironment env;
   LibraryClient c(env);
   ASSERT_TRUE(c.ProvisionAndConnect());
-  env.RestartBroker(BrokerIdentity::kForeign);
-  EXPECT_EQ(c.Next("disconnect"), DAXO_Error_UnexpectedDisconnect);
-  ASSERT_TRUE(c.WaitForLog("certificate verify failed"));
-  ASSERT_TRUE(c.WaitForLog("not established; trying again"));
-  env.RestartBroker(BrokerIdentity::kTrusted);
-  EXPECT_EQ(c.Next("connect"), DAXO_Error_Success);
-  EXPECT_EQ(c.Pending("disconnect"), 0u) << "one report per outage";
-  ASSERT_EQ(DAXO_CheckConnection(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("check"), DAXO_ApiError_NoError);
-}
+  // The text of the reply to a request the library must accept.
+  auto Reply = [&](DAXO_Error sent, const std::string& name, int code = DAXO_ApiError_NoError) {
+    EXPECT_EQ(sent, DAXO_Error_Success) << name;
+    LibraryClient::Event reply = c.Next(name);
+    EXPECT_EQ(reply.code, code) << name << " " << reply.text;
+    return reply.text;
+  };
+  std::string kitchen = Reply(DAXO_CreateSensor(c, "kitchen"), "createSensor");
+  std::string hall = Reply(DAXO_CreateSensor(c, "hall"), "createSensor");
+  EXPECT_EQ(Reply(DAXO_UpdateSensor(c, kitchen.c_str(), "cellar"), "updateSensor"), kitchen);
+  EXPECT_EQ(Reply(DAXO_ListSensors(c), "listSensors"), "cellar|" + kitchen + ";hall|" + hall);
+  EXPECT_EQ(Reply(DAXO_DeleteSensor(c, kitchen.c_str()), "deleteSensor"), kitchen);
+  EXPECT_EQ(Reply(DAXO_ListSensors(c), "listSensors"), "hall|" + hall);
+  Reply(DAXO_UpdateSensor(c, kitchen.c_str(), "x"), "updateSensor", DAXO_ApiError_UnknownSensorId);
 
-// An asynchronous connect issued while the broker is down never completes in
-// libmosquitto; the library restarts it.
-TEST_F(LibraryTest, ConnectingWhileTheBrokerIsDownSucceedsOnceItIsBack) {
-  LibraryClient c(env);
-  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
-  ASSERT_EQ(c.Next("provision"), DAXO_Error_Success);
-  env.StopBroker();
-  ASSERT_EQ(DAXO_Connect(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("disconnect"), DAXO_Error_UnexpectedDisconnect);
-  env.StartBroker();
-  EXPECT_EQ(c.Next("connect"), DAXO_Error_Success);
-  ASSERT_EQ(DAXO_Disconnect(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(c.Next("disconnect"), DAXO_Error_Success);
-}
+  env.AgentControl("job-create " + c.Id() + R"( {"name":"disk","metrics":[]})");
+  std::string job = c.Next("createSensorJob").text;
+  ASSERT_TRUE(job.starts_with("disk|")) << job;
+  env.AgentControl("job-delete " + c.Id() + " " + job.substr(5));
+  EXPECT_EQ(c.Next("deleteSensorJob").text, job.substr(5));
 
-TEST_F(LibraryTest, DisconnectingAnAttemptThatNeverCameUpReturns) {
-  LibraryClient c(env);
-  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
-  ASSERT_EQ(c.Next("provision"), DAXO_Error_Success);
-  env.StopBroker();
-  ASSERT_EQ(DAXO_Connect(c.Get()), DAXO_Error_Success);
-  EXPECT_EQ(DAXO_Disconnect(c.Get()), DAXO_Error_Success);
-  LibraryClient p(env);
-  ASSERT_EQ(DAXO_ProvisionClient(p.Get()), DAXO_Error_Success);
-  // Both deletions stop threads that never connected.
-}
+  DAXO_MetricSchemaContainer *schemas = DAXO_CreateMetricSchemaContainer(),
+                             *update = DAXO_CreateMetricSchemaContainer();
+  DAXO_AddStandardMetricSchema(schemas, "t", "temperature", DAXO_ValueUnit_SICelsius);
+  DAXO_AddCustomMetricSchema(schemas, "i", "starts", DAXO_ValueType_Integer, "count");
+  DAXO_AddCustomMetricSchema(schemas, "d", "load", DAXO_ValueType_Double, "share");
+  DAXO_AddCustomMetricSchema(schemas, "b", "flame", DAXO_ValueType_Bool, "burning");
+  DAXO_AddCustomMetricSchema(schemas, "s", "mode", DAXO_ValueType_String, "heat or idle");
+  std::istringstream ids(Reply(DAXO_CreateMetrics(c, hall.c_str(), schemas), "createMetrics"));
+  std::map<char, std::string> id;
+  for (char m : std::string("tidbs")) std::getline(ids, id[m], '|');
+  auto Describe = [&](char metric, int code = DAXO_ApiError_NoError) {
+    return Reply(DAXO_DescribeMetric(c, hall.c_str(), id[metric].c_str()), "describeMetric", code);
+  };
+  EXPECT_EQ(Describe('t'), "temperature|4|null||0");
+  EXPECT_EQ(Describe('s'), "mode|0|heat or idle||0");
 
-TEST_F(LibraryTest, ProvisioningWhileTheBrokerIsDownCompletesOnceItIsBack) {
-  LibraryClient c(env);
-  env.StopBroker();
-  ASSERT_EQ(DAXO_ProvisionClient(c.Get()), DAXO_Error_Success);
-  env.StartBroker();
-  EXPECT_EQ(c.Next("provision"), DAXO_Error_Success);
-  EXPECT_FALSE(c.Id().empty());
+  // Each type, pushed with the agent's time and then with the device's.
+  for (uint64_t stamp : {0ull, 1700000000123ull}) {
+    DAXO_MetricValueContainer* values = DAXO_CreateMetricValueContainer();
+    DAXO_AddIntegerMetricValue(values, stamp ? 9007199254740993 : -42, id['i'].c_str());
+    DAXO_AddDoubleMetricValue(values, stamp ? 21.5 : -0.25, id['d'].c_str());
+    DAXO_AddBoolMetricValue(values, !stamp, id['b'].c_str());
+    DAXO_AddStringMetricValue(values, stamp ? "" : "on \"high\" | 2", id['s'].c_str());
+    if (stamp) DAXO_AddEpochTimeStamp(values, stamp);
+    int64_t before = int64_t(std::time(nullptr)) * 1000;
+    EXPECT_EQ(Reply(DAXO_PushMetricValues(c, hall.c_str(), values), "pushMetricValues"), hall);
+    DAXO_DestroyMetricValueContainer(values);
+    std::map<char, std::string> shown = {{'i', stamp ? "9007199254740993" : "-42"},
+                                         {'d', stamp ? "21.5" : "-0.25"},
+                                         {'b', stamp ? "false" : "true"},
+                                         {'s', stamp ? "" : "on \"high\" | 2"}};
+    for (auto [metric, text] : shown) {
+      std::string described = Describe(metric);
+      std::size_t at = described.rfind('|');
+      EXPECT_TRUE(described.substr(0, at).ends_with("|" + text)) << described;
+      int64_t updated = std::atoll(described.c_str() + at + 1);
+      EXPECT_TRUE(stamp ? updated == int64_t(stamp) : updated >= before) << described;
+    }
+  }
+
+  DAXO_AddMetricUpdateSchema(update, id['t'].c_str(), "flow temperature", nullptr);
+  DAXO_AddMetricUpdateSchema(update, id['s'].c_str(), nullptr, "heat, idle or off");
+  EXPECT_EQ(Reply(DAXO_UpdateMetrics(c, hall.c_str(), update), "updateMetrics"), hall);
+  DAXO_DestroyMetricSchemaContainer(schemas), DAXO_DestroyMetricSchemaContainer(update);
+  EXPECT_EQ(Describe('t'), "flow temperature|4|null||0");
+  EXPECT_TRUE(Describe('s').starts_with("mode|0|heat, idle or off|"));
+  std::vector<char*> doomed = {id['t'].data(), id['s'].data()};
+  EXPECT_EQ(Reply(DAXO_DeleteMetrics(c, hall.c_str(), doomed.data(), 2), "deleteMetrics"), hall);
+  EXPECT_EQ(Describe('s', DAXO_ApiError_UnknownMetricId), hall);
+
+  ASSERT_EQ(DAXO_ReportClientError(c, 3, "disk full"), DAXO_Error_Success);
+  ASSERT_EQ(DAXO_ReportMetricError(c, hall.c_str(), id['i'].c_str(), -7, "bus \"A\""), 0);
+  // Reports get no answer; the agent serves one client's messages in order.
+  ASSERT_TRUE(c.CheckConnection());
+  std::string dump = env.AgentControl("dump");
+  EXPECT_NE(dump.find(R"({"errorcode":3,"errorMessage":"disk full",)"), std::string::npos) << dump;
+  EXPECT_NE(dump.find(R"({"sensorId":")" + hall + R"(","metricId":")" + id['i'] +
+                      R"(","errorcode":-7,"errorMessage":"bus \"A\"",)"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Allocation-failure injection for tests. The test executable replaces
-// malloc, calloc and realloc; an armed scope makes the n-th allocation of
-// the current thread fail (errno ENOMEM), other threads are never touched.
+// Allocation-failure injection: an armed Scope makes the n-th allocation
+// (from 0) of the current thread fail with ENOMEM; other threads never.
 #ifndef DAXO_TEST_ALLOC_FAILURE_H
 #define DAXO_TEST_ALLOC_FAILURE_H
 
@@ -8,17 +7,13 @@ namespace alloc_failure {
 
 class Scope {
  public:
-  explicit Scope(long failAt);  // failAt counts from 0
+  explicit Scope(long failAt);
   ~Scope();
-  Scope(const Scope&) = delete;
-  Scope& operator=(const Scope&) = delete;
   bool Fired() const;
 };
 
-// Runs call() with allocation n failing, for n = 0, 1, ..., and hands its
-// result to check(result, n, fired) outside the armed region, until a call
-// during which no failure fired. Returns that last n (the number of
-// allocations a successful call makes).
+// Runs call() with allocation n = 0, 1, ... failing and check(result, n,
+// fired) unarmed, until nothing failed. Returns that n.
 template <class Call, class Check>
 long ForEachAllocationFailure(Call call, Check check) {
   for (long n = 0;; ++n) {

@@ -12,11 +12,17 @@
 #include "fake_mqtt.h"
 #include "temp_dir.h"
 
+// Installs a callback taking Params (which name `self`) that records
+// {Name, code, text}.
+#define DAXO_RECORD(Setter, Name, Params, code, text) \
+  Setter(client, [] Params { Self(self).calls.push_back({Name, code, text}); })
+#define DAXO_RECORD_CODE(Setter, Name, Code) \
+  DAXO_RECORD(Setter, Name, (DAXO_Client*, void* self, Code e), e, "")
+#define DAXO_RECORD_ID(Setter, Name) \
+  DAXO_RECORD(Setter, Name, (DAXO_Client*, void* self, Id id, DAXO_ApiError e), e, Str(id))
+
 class FakeClientTest : public ::testing::Test {
  public:
-  static constexpr const char* kClientId = "client-1";
-
-  // One recorded callback: its name and the arguments that matter.
   struct Call {
     std::string name;
     int code;
@@ -25,100 +31,66 @@ class FakeClientTest : public ::testing::Test {
 
   void SetUp() override {
     FakeMqtt::Reset();
-    calls.clear();
-    logs.clear();
     conf = dir.Write("client.conf", ValidConfig(dir));
     DAXO_Error err;
     client = NewClientInternal(conf.c_str(), this, &err, FakeMqtt::Create, FakeMqtt::Destroy);
     ASSERT_NE(client, nullptr);
     DAXO_LogCallbackSet(client, CaptureLog);
-    DAXO_ConnectCallbackSet(client, [](DAXO_Client*, void* self, DAXO_Error err) {
-      Self(self).calls.push_back({"OnConnect", err, ""});
-    });
-    DAXO_DisconnectCallbackSet(client, [](DAXO_Client*, void* self, DAXO_Error err) {
-      Self(self).calls.push_back({"OnDisconnect", err, ""});
-    });
-    DAXO_CheckConnectionCallbackSet(client, [](DAXO_Client*, void* self, DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnCheckConnection", err, ""});
-    });
+    DAXO_RECORD_CODE(DAXO_ConnectCallbackSet, "OnConnect", DAXO_Error);
+    DAXO_RECORD_CODE(DAXO_DisconnectCallbackSet, "OnDisconnect", DAXO_Error);
+    DAXO_RECORD_CODE(DAXO_CheckConnectionCallbackSet, "OnCheckConnection", DAXO_ApiError);
+    DAXO_RECORD_CODE(DAXO_ProvisionClientCallbackSet, "OnProvisionClient", DAXO_Error);
   }
-
-  // Records every reply and job callback as {name, code, summary}; records
-  // handed over are summarised and destroyed.
-  void RecordReplies() {
-    DAXO_CreateSensorCallbackSet(client, [](DAXO_Client*, void* self, const char* name,
-                                            const char* id, DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnCreateSensor", err, Str(name) + "|" + Str(id)});
-    });
-    DAXO_UpdateSensorCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
-                                            DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnModifySensor", err, Str(id)});
-    });
-    DAXO_DeleteSensorCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
-                                            DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnDeleteSensor", err, Str(id)});
-    });
-    DAXO_PushMetricValuesCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
-                                                DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnPushMetricValues", err, Str(id)});
-    });
-    DAXO_UpdateMetricsCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
-                                             DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnUpdateMetrics", err, Str(id)});
-    });
-    DAXO_DeleteMetricsCallbackSet(client, [](DAXO_Client*, void* self, const char* id,
-                                             DAXO_ApiError err) {
-      Self(self).calls.push_back({"OnDeleteMetrics", err, Str(id)});
-    });
-    DAXO_ListSensorsCallbackSet(client, [](DAXO_Client*, DAXO_SensorsInfo* list, void* self,
-                                           DAXO_ApiError err) {
-      std::string summary = list ? "sensors=" + std::to_string(list->sensorsCount) : "null";
-      Self(self).calls.push_back({"OnListSensors", err, summary});
-      DAXO_DestroySensorsInfo(list);
-    });
-    DAXO_DescribeMetricCallbackSet(client, [](DAXO_Client*, const char* sensorId,
-                                              DAXO_MetricMetadata* metric, void* self,
-                                              DAXO_ApiError err) {
-      Self(self).calls.push_back(
-          {"OnDescribeMetric", err, Str(sensorId) + "|" + (metric ? Str(metric->id) : "null")});
-      DAXO_DestroyMetricMetadata(metric);
-    });
-    DAXO_CreateMetricsCallbackSet(client, [](DAXO_Client*, void* self,
-                                             DAXO_CreatedMetrics* metrics, DAXO_ApiError err) {
-      std::string summary =
-          metrics ? Str(metrics->sensorId) + "|" + std::to_string(metrics->metricsCount) : "null";
-      Self(self).calls.push_back({"OnCreateMetrics", err, summary});
-      DAXO_DestroyCreatedMetrics(metrics);
-    });
-    DAXO_CreateSensorJobCallbackSet(client, [](DAXO_Client*, DAXO_SensorMetadata* sensor,
-                                               void* self) {
-      Self(self).calls.push_back({"OnCreateSensorJob", 0, Str(sensor->sensorId)});
-      DAXO_DestroySensorMetadata(sensor);
-    });
-    DAXO_DeleteSensorJobCallbackSet(client, [](DAXO_Client*, const char* id, void* self) {
-      Self(self).calls.push_back({"OnDeleteSensorJob", 0, Str(id)});
-    });
-  }
-
-  static std::string Str(const char* s) { return s != nullptr ? s : "null"; }
 
   void TearDown() override {
     DAXO_DeleteClient(client);
     FakeMqtt::Reset();
   }
 
+  // Records handed over are summarised and destroyed.
+  void RecordReplies() {
+    using Id = const char*;
+    DAXO_RECORD_ID(DAXO_UpdateSensorCallbackSet, "OnModifySensor");
+    DAXO_RECORD_ID(DAXO_DeleteSensorCallbackSet, "OnDeleteSensor");
+    DAXO_RECORD_ID(DAXO_PushMetricValuesCallbackSet, "OnPushMetricValues");
+    DAXO_RECORD_ID(DAXO_UpdateMetricsCallbackSet, "OnUpdateMetrics");
+    DAXO_RECORD_ID(DAXO_DeleteMetricsCallbackSet, "OnDeleteMetrics");
+    DAXO_RECORD(DAXO_CreateSensorCallbackSet, "OnCreateSensor",
+                (DAXO_Client*, void* self, Id name, Id id, DAXO_ApiError e), e,
+                Str(name) + "|" + Str(id));
+    DAXO_RECORD(DAXO_DeleteSensorJobCallbackSet, "OnDeleteSensorJob",
+                (DAXO_Client*, Id id, void* self), 0, Str(id));
+    DAXO_RECORD(DAXO_CreateSensorJobCallbackSet, "OnCreateSensorJob",
+                (DAXO_Client*, DAXO_SensorMetadata* s, void* self), 0,
+                Take(s, DAXO_DestroySensorMetadata, Str(s->sensorId)));
+    DAXO_RECORD(DAXO_ListSensorsCallbackSet, "OnListSensors",
+                (DAXO_Client*, DAXO_SensorsInfo* l, void* self, DAXO_ApiError e), e,
+                Take(l, DAXO_DestroySensorsInfo, l ? std::to_string(l->sensorsCount) : "null"));
+    DAXO_RECORD(DAXO_DescribeMetricCallbackSet, "OnDescribeMetric",
+                (DAXO_Client*, Id sensor, DAXO_MetricMetadata* m, void* self, DAXO_ApiError e), e,
+                Str(sensor) + "|" + Take(m, DAXO_DestroyMetricMetadata, m ? Str(m->id) : "null"));
+    DAXO_RECORD(DAXO_CreateMetricsCallbackSet, "OnCreateMetrics",
+                (DAXO_Client*, void* self, DAXO_CreatedMetrics* m, DAXO_ApiError e), e,
+                Take(m, DAXO_DestroyCreatedMetrics,
+                     m ? Str(m->sensorId) + "|" + std::to_string(m->metricsCount) : "null"));
+  }
+
+  template <class T>
+  static std::string Take(T* record, void (*destroy)(T*), std::string summary) {
+    destroy(record);
+    return summary;
+  }
+  static std::string Str(const char* s) { return s != nullptr ? s : "null"; }
   static FakeClientTest& Self(void* p) { return *static_cast<FakeClientTest*>(p); }
   static void CaptureLog(DAXO_Client*, const char* line, void* self) {
     Self(self).logs.push_back(line);
   }
 
-  // Gives the client its identifier as provisioning would.
-  void Provisioned(const char* id = kClientId) {
+  void Provisioned(const char* id = "client-1") {
     free(client->clientId);
     client->clientId = strdup(id);
   }
 
-  // Provisioned, connected, subscribed; returns the main instance.
   FakeMqtt& Connected() {
     Provisioned();
     EXPECT_EQ(DAXO_Connect(client), DAXO_Error_Success);

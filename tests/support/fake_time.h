@@ -1,5 +1,5 @@
-// The unit tests' replacement of time(): the real clock unless a test sets
-// "now" (frozen_clock.cpp).
+// The unit tests' time() (frozen_clock.cpp): the real clock unless a test
+// fixes "now".
 #ifndef DAXO_TEST_FAKE_TIME_H
 #define DAXO_TEST_FAKE_TIME_H
 
@@ -7,13 +7,11 @@
 
 namespace fake_time {
 
-void SetNow(time_t now);
-void UseRealClock();
+void SetNow(time_t now);  // -1: the real clock again
 
-// Sets now for its scope.
 struct Scope {
   explicit Scope(time_t now) { SetNow(now); }
-  ~Scope() { UseRealClock(); }
+  ~Scope() { SetNow(-1); }
 };
 
 }  // namespace fake_time

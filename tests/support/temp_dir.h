@@ -17,29 +17,24 @@ class TempDir {
     if (mkdtemp(pattern.data()) == nullptr) std::abort();
     path_ = pattern;
   }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
+  ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
   TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
 
   const std::filesystem::path& Path() const { return path_; }
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-  // Writes content byte for byte and returns the file's path.
+  // Writes content byte for byte; returns the file's path.
   std::string Write(const std::string& name, const std::string& content) const {
-    std::string file = *this / name;
-    std::ofstream(file, std::ios::binary) << content;
-    return file;
+    std::ofstream(*this / name, std::ios::binary) << content;
+    return *this / name;
   }
 
  private:
   std::filesystem::path path_;
+  std::error_code ignored_;
 };
 
-// A configuration that satisfies every required key, for tests that need a
-// client but not a particular configuration.
+// Every required key set, for tests that need a client but no particular
+// configuration.
 inline std::string ValidConfig(const TempDir& dir) {
   return "MqttHost localhost\nMqttPort 8883\nMqttProvisionPort 8884\nCaFile " + (dir / "ca.crt") +
          "\nCertFolder " + (dir / "certs") + "\n";
