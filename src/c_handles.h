@@ -13,6 +13,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 namespace daxo {
@@ -50,19 +51,39 @@ using X509ExtensionPtr = std::unique_ptr<X509_EXTENSION, CFree<X509_EXTENSION_fr
 using X509ExtensionStackPtr = std::unique_ptr<STACK_OF(X509_EXTENSION), CFree<FreeExtensionStack>>;
 using MosquittoPtr = std::unique_ptr<mosquitto, CFree<mosquitto_destroy>>;
 
-// The levels of a topic as mosquitto_sub_topic_tokenise yields them.
+// The levels of a topic as mosquitto_sub_topic_tokenise yields them (an
+// empty level is null), held in one allocation: the level pointers followed
+// by a copy of the topic cut at each "/". Every inbound message is split, so
+// one malloc instead of one per level is worth its few lines.
 class TopicLevels {
  public:
   TopicLevels() = default;
   TopicLevels(const TopicLevels&) = delete;
   TopicLevels& operator=(const TopicLevels&) = delete;
-  ~TopicLevels() {
-    if (levels_ != nullptr) mosquitto_sub_topic_tokens_free(&levels_, count_);
-  }
+  ~TopicLevels() { free(levels_); }
 
-  // Splits topic; false when libmosquitto refuses or runs out of memory.
+  // Splits topic; false when it is null or memory runs out.
   bool Tokenise(const char* topic) noexcept {
-    return mosquitto_sub_topic_tokenise(topic, &levels_, &count_) == MOSQ_ERR_SUCCESS;
+    if (topic == nullptr) return false;
+    size_t length = strlen(topic);
+    int count = 1;
+    for (const char* c = topic; *c != '\0'; ++c) count += *c == '/';
+    size_t pointers = sizeof(char*) * static_cast<size_t>(count);
+    auto* block = static_cast<char**>(malloc(pointers + length + 1));
+    if (block == nullptr) return false;
+    char* text = reinterpret_cast<char*>(block) + pointers;
+    memcpy(text, topic, length + 1);
+    for (int i = 0; i < count; ++i) {
+      char* end = strchrnul(text, '/');
+      bool empty = end == text;
+      *end = '\0';
+      block[i] = empty ? nullptr : text;
+      text = end + 1;
+    }
+    free(levels_);
+    levels_ = block;
+    count_ = count;
+    return true;
   }
   int Count() const noexcept { return count_; }
   char** Levels() const noexcept { return levels_; }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "c_handles.h"
 #include "client_fixture.h"
 
 namespace {
@@ -59,6 +60,24 @@ TEST_F(FakeClientTest, DispatcherRoutesEveryReplyAndCommand) {
   for (const char* topic : {"/v1.0/client-2/ping/info/inbox", "/v1.0/Client-1/ping/info/inbox"})
     fake.Deliver(topic, "{}");
   EXPECT_TRUE(calls.empty()) << calls[0].name;
+}
+
+// The dispatcher splits topics itself; it must see the levels libmosquitto's
+// tokeniser would give, empty ones null.
+TEST(TopicLevelsTest, SplitsAsLibmosquitto) {
+  for (const char* topic : {"", "a", "/", "//", "/a", "a/", "a//b", "/v1.0/c/sensor/s/info/inbox",
+                            "+/#", " / "}) {
+    SCOPED_TRACE(topic);
+    char** expected = nullptr;
+    int count = 0;
+    ASSERT_EQ(mosquitto_sub_topic_tokenise(topic, &expected, &count), MOSQ_ERR_SUCCESS);
+    daxo::TopicLevels levels;
+    ASSERT_TRUE(levels.Tokenise(topic));
+    EXPECT_EQ(levels.Count(), count);
+    for (int i = 0; i < std::min(count, levels.Count()); ++i)
+      EXPECT_STREQ(levels[i], expected[i]) << "level " << i;
+    mosquitto_sub_topic_tokens_free(&expected, count);
+  }
 }
 
 }  // namespace
