@@ -369,6 +369,10 @@ DAXO_Error AddMember(json_object* parent, const char* key, json_object* value) n
 // rendered whole.
 const char* Render(const json_object* body, DAXO_Error* err) noexcept;
 
+// A message from the agent as a document, or null when it is not one JSON
+// value (trailing text included) or memory ran out while reading it.
+std::unique_ptr<json_object, CFree<json_object_put>> ParseJson(const char* text) noexcept;
+
 // The one path of every request: sends body (null: "{}") on the client's
 // tree, levels being formatted like printf below "/v1.0/<clientId>/".
 DAXO_Error Request(DAXO_Client* client, const json_object* body, const char* levels, ...) noexcept

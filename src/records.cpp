@@ -61,10 +61,6 @@ void DestroyArray(T* items, int count, void (*destroy)(T*) noexcept) noexcept {
   free(items);
 }
 
-daxo::JsonPtr Parse(const char* message) noexcept {
-  return daxo::JsonPtr(message != nullptr ? json_tokener_parse(message) : nullptr);
-}
-
 // True when obj is an object that has the member, also when its value is
 // JSON null (then *value is null).
 bool Member(json_object* obj, const char* key, json_object** value) noexcept {
@@ -203,7 +199,7 @@ extern "C" int CreateSensorMetadata(json_object* objSensor,
 }
 
 extern "C" DAXO_SensorMetadata* CreateSensorMetadataEx(const char* message) noexcept {
-  daxo::JsonPtr doc = Parse(message);
+  daxo::JsonPtr doc = daxo::ParseJson(message);
   if (!doc) return nullptr;
   SensorMetadataPtr sensor(NewZeroed<DAXO_SensorMetadata>());
   if (!sensor || !CreateSensorMetadata(doc.get(), sensor.get())) return nullptr;
@@ -211,7 +207,7 @@ extern "C" DAXO_SensorMetadata* CreateSensorMetadataEx(const char* message) noex
 }
 
 extern "C" DAXO_SensorsInfo* CreateSensorsInfo(const char* message) noexcept {
-  daxo::JsonPtr doc = Parse(message);
+  daxo::JsonPtr doc = daxo::ParseJson(message);
   if (!doc) return nullptr;
   SensorsInfoPtr list(NewZeroed<DAXO_SensorsInfo>());
   if (!list || !ReadArray(doc.get(), &list->sensors, &list->sensorsCount, CreateSensorMetadata))
@@ -221,7 +217,7 @@ extern "C" DAXO_SensorsInfo* CreateSensorsInfo(const char* message) noexcept {
 
 extern "C" int ParseSensorId(const char* message, char** name, char** sensorId) noexcept {
   if (name == nullptr || sensorId == nullptr) return 0;
-  daxo::JsonPtr doc = Parse(message);
+  daxo::JsonPtr doc = daxo::ParseJson(message);
   if (!doc) return 0;
   const char* nameText = MemberText(doc.get(), "name");
   const char* idText = MemberText(doc.get(), "sensorId");
@@ -285,7 +281,7 @@ extern "C" int FillCreatedMetric(json_object* objMetric, DAXO_CreatedMetric* met
 
 extern "C" DAXO_CreatedMetrics* CreateCreatedMetrics(const char* message,
                                                      const char* sensorId) noexcept {
-  daxo::JsonPtr doc = Parse(message);
+  daxo::JsonPtr doc = daxo::ParseJson(message);
   if (!doc) return nullptr;
   CreatedMetricsPtr created(NewZeroed<DAXO_CreatedMetrics>());
   if (!created) return nullptr;
@@ -297,7 +293,7 @@ extern "C" DAXO_CreatedMetrics* CreateCreatedMetrics(const char* message,
 }
 
 extern "C" DAXO_MetricMetadata* CreateMetricMetadata(const char* message) noexcept {
-  daxo::JsonPtr doc = Parse(message);
+  daxo::JsonPtr doc = daxo::ParseJson(message);
   if (!doc) return nullptr;
   MetricMetadataPtr metric(NewZeroed<DAXO_MetricMetadata>());
   if (!metric || !FillMetricMetadata(doc.get(), metric.get())) return nullptr;

@@ -52,7 +52,7 @@ DAXO_Error AnswerAboutAuthority(DAXO_Client* client, json_object* answer) noexce
 
 // The outcome of an expiry answer; DAXO_Error_Busy stands for "none yet".
 DAXO_Error HandleExpiryAnswer(DAXO_Client* client, const char* message) noexcept {
-  daxo::JsonPtr answer(json_tokener_parse(message));
+  daxo::JsonPtr answer = daxo::ParseJson(message);
   if (!answer) return DAXO_Error_WrongReply;
   const char* expiresAt = GetStringValueForKeyFromJson(answer.get(), "providedExpiresAt");
   if (expiresAt == nullptr || strlen(expiresAt) < kDateLength) return DAXO_Error_WrongReply;

@@ -124,7 +124,7 @@ bool ReadText(json_object* reply, char** errString) noexcept {
 
 extern "C" int ParseErrorMessage(const char* message, int* err, char** errString) noexcept {
   if (message == nullptr) return 0;
-  daxo::JsonPtr reply(json_tokener_parse(message));
+  daxo::JsonPtr reply = daxo::ParseJson(message);
   if (!reply) return 0;
   if (err != nullptr && !ReadCode(reply.get(), err)) return 0;
   if (errString != nullptr && !ReadText(reply.get(), errString)) return 0;
