@@ -75,3 +75,5 @@ alloc_failure::Scope::Scope(long n) {
 }
 alloc_failure::Scope::~Scope() { failAt = -1; }
 bool alloc_failure::Scope::Fired() const { return fired; }
+alloc_failure::Suspend::Suspend() : saved_(failAt) { failAt = -1; }
+alloc_failure::Suspend::~Suspend() { failAt = saved_; }

@@ -12,11 +12,23 @@ class Scope {
   bool Fired() const;
 };
 
-// Runs call() with allocation n = 0, 1, ... failing and check(result, n,
-// fired) unarmed, until nothing failed. Returns that n.
-template <class Call, class Check>
-long ForEachAllocationFailure(Call call, Check check) {
+// Lets the test's own bookkeeping (a callback recording what it saw)
+// allocate inside an armed Scope without being counted or failed.
+class Suspend {
+ public:
+  Suspend();
+  ~Suspend();
+
+ private:
+  long saved_;
+};
+
+// Runs setup() unarmed, then call() with allocation n = 0, 1, ... failing,
+// then check(result, n, fired) unarmed, until nothing failed. Returns that n.
+template <class Setup, class Call, class Check>
+long ForEachAllocationFailure(Setup setup, Call call, Check check) {
   for (long n = 0;; ++n) {
+    setup();
     bool fired;
     auto result = [&] {
       Scope scope(n);
@@ -27,6 +39,11 @@ long ForEachAllocationFailure(Call call, Check check) {
     check(result, n, fired);
     if (!fired) return n;
   }
+}
+
+template <class Call, class Check>
+long ForEachAllocationFailure(Call call, Check check) {
+  return ForEachAllocationFailure([] {}, call, check);
 }
 
 }  // namespace alloc_failure

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_failure.h"
 #include "daxo_internal.h"
 #include "fake_mqtt.h"
 #include "temp_dir.h"
@@ -15,7 +16,10 @@
 // Installs a callback taking Params (which name `self`) that records
 // {Name, code, text}.
 #define DAXO_RECORD(Setter, Name, Params, code, text) \
-  Setter(client, [] Params { Self(self).calls.push_back({Name, code, text}); })
+  Setter(client, [] Params {                              \
+    alloc_failure::Suspend unarmed;                       \
+    Self(self).calls.push_back({Name, code, text});       \
+  })
 #define DAXO_RECORD_CODE(Setter, Name, Code) \
   DAXO_RECORD(Setter, Name, (DAXO_Client*, void* self, Code e), e, "")
 #define DAXO_RECORD_ID(Setter, Name) \
@@ -83,6 +87,7 @@ class FakeClientTest : public ::testing::Test {
   static std::string Str(const char* s) { return s != nullptr ? s : "null"; }
   static FakeClientTest& Self(void* p) { return *static_cast<FakeClientTest*>(p); }
   static void CaptureLog(DAXO_Client*, const char* line, void* self) {
+    alloc_failure::Suspend unarmed;
     Self(self).logs.push_back(line);
   }
 

@@ -4,41 +4,11 @@
 #include <string>
 
 #include "daxo_internal.h"
+#include "record_summary.h"
 
 namespace {
 
 const char kFailed[] = "<failed>";
-
-std::string S(const char* s) { return s != nullptr ? s : "-"; }
-
-// Every field in one line, so that a stray or missing one shows.
-std::string Sum(const DAXO_SensorMetadata& s) {
-  std::string out = S(s.name) + " " + S(s.sensorId) + " f" + std::to_string(s.frequency) + " t" +
-                    std::to_string(s.sensorType) + " " + S(s.pluginName) + "@" +
-                    S(s.pluginDownloadUrl) + " " + S(s.monitoringService) + " {";
-  for (int i = 0; i < s.pluginParametersCount; ++i)
-    out += S(s.pluginParameters[i].parameterName) + "=" + S(s.pluginParameters[i].parameterValue) +
-           ";";
-  out += "} [";
-  for (int i = 0; i < s.metricsCount; ++i) out += S(s.metrics[i].metricId) + ";";
-  return out + "]";
-}
-std::string Sum(const DAXO_SensorsInfo& l) {
-  std::string out;
-  for (int i = 0; i < l.sensorsCount; ++i) out += "(" + Sum(l.sensors[i]) + ")";
-  return out;
-}
-std::string Sum(const DAXO_CreatedMetrics& c) {
-  std::string out = S(c.sensorId) + ":";
-  for (int i = 0; i < c.metricsCount; ++i)
-    out += " " + S(c.metrics[i].metricId) + "<-" + S(c.metrics[i].matchingId);
-  return out;
-}
-std::string Sum(const DAXO_MetricMetadata& m) {
-  return S(m.id) + " u" + std::to_string(m.valueUnit) + " t" + std::to_string(m.valueType) + " " +
-         S(m.valueAnnotation) + " @" + std::to_string(m.lastUpdated) + " " + S(m.value) + " " +
-         S(m.name);
-}
 
 // A parser and destroyer, as the summary of the record returned.
 using Parser = std::string (*)(const char* message);
