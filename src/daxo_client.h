@@ -628,7 +628,20 @@ DAXO_EXPORT DAXO_Error DAXO_AddEpochTimeStamp(DAXO_MetricValueContainer* contain
 
 /* DAXO_PushMetricValues sends the container's values to sensor sensorId;
  * answered through OnPushMetricValues. An empty container is refused
- * (DAXO_Error_InvalidArguments). */
+ * (DAXO_Error_InvalidArguments).
+ *
+ * While the main connection is down (before DAXO_Connect, and from the
+ * OnDisconnect that reports an outage until the OnConnect that ends it,
+ * while the library reconnects by itself) it returns
+ * DAXO_Error_NoConnectionToServer and keeps nothing: the values are not sent
+ * later, so the application may push them again after OnConnect without
+ * any arriving twice. DAXO_Error_Success means the values were handed to
+ * the connection, and they are delivered at most once. A push accepted as
+ * the connection is being lost, before the library has noticed, goes out
+ * once the connection is back, unless the broker went down holding it; it
+ * is then lost. Only the answer through OnPushMetricValues confirms that the
+ * agent has the values: a push that gets none was lost in an outage or
+ * reached the broker while the agent was away. */
 DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* sensorId,
                                              DAXO_MetricValueContainer* container) DAXO_NOEXCEPT;
 

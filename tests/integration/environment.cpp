@@ -247,6 +247,7 @@ void TestEnvironment::StartAgent() {
   std::vector<std::string> argv = {DAXO_AGENT_PATH, "--host", host_, "--cafile", CaFile()};
   argv.insert(argv.end(), {"--port", std::to_string(mainPort_), "--state", PathOf("agent-state")});
   argv.insert(argv.end(), {"--cert", PathOf("agent.crt"), "--key", PathOf("agent.key")});
+  argv.insert(argv.end(), {"--push-log", PathOf("pushes.log")});
   argv.insert(argv.end(), agentArguments_.begin(), agentArguments_.end());
   agent_.Start(argv, PathOf("agent.log"));
   agentStopped_ = false;
@@ -263,6 +264,13 @@ bool TestEnvironment::WaitForAgentOutput(std::string_view text, std::chrono::mil
   auto has = [text](const std::string& line) { return line.find(text) != line.npos; };
   return agent_.WaitForOutput([&](const auto& lines) { return std::ranges::any_of(lines, has); },
                               timeout);
+}
+
+std::vector<std::string> TestEnvironment::AgentPushes() const {
+  std::vector<std::string> lines;
+  std::ifstream log(PathOf("pushes.log"));
+  for (std::string line; std::getline(log, line);) lines.push_back(line);
+  return lines;
 }
 
 std::string TestEnvironment::AgentControl(const std::string& command) const {

@@ -65,6 +65,9 @@ class TestEnvironment {
   bool WaitForAgentOutput(std::string_view text,
                           std::chrono::milliseconds timeout = std::chrono::seconds(10));
   std::vector<std::string> AgentOutput() const { return agent_.Lines(); }
+  // Every push the agent has stored since the environment started, across
+  // agent restarts: "CLIENT_ID SENSOR_ID BODY".
+  std::vector<std::string> AgentPushes() const;
   // One command, its line breaks turned into spaces, and the one-line answer.
   std::string AgentControl(const std::string& command) const;
 

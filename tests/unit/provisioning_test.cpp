@@ -110,6 +110,7 @@ TEST_F(ProvisioningTest, AStoredIdentityIsOnlyReadAndDeprovisioningRemovesIt) {
               0, "");
   ASSERT_EQ(DAXO_Connect(client), DAXO_Error_Success) << "as device-7";
   FakeMqtt& fake = *FakeMqtt::Last();
+  fake.FireConnect(0);
   ASSERT_EQ(DAXO_DeprovisionClient(client), DAXO_Error_Success);
   EXPECT_EQ(fake.publishes.at(0).topic, "/v1.0/device-7/delete");
   EXPECT_TRUE(std::filesystem::exists(File("/cert.crt"))) << "kept until the acknowledgement";

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <optional>
 
 #include "agent.h"
 #include "certificate_authority.h"
@@ -54,7 +55,10 @@ int Serve(const daxo_agent::Options& options) {
   for (Route& route : CertificateRoutes(ca, store, terms)) routes.push_back(std::move(route));
   for (Route& route : ConnectionCheckRoutes()) routes.push_back(std::move(route));
   for (Route& route : SensorRoutes(store)) routes.push_back(std::move(route));
-  for (Route& route : MetricRoutes(store)) routes.push_back(std::move(route));
+  std::optional<PushLog> pushLog;
+  if (!options.pushLog.empty()) pushLog.emplace(options.pushLog);
+  for (Route& route : MetricRoutes(store, pushLog ? &*pushLog : nullptr))
+    routes.push_back(std::move(route));
   for (Route& route : ErrorReportRoutes(store)) routes.push_back(std::move(route));
   Agent agent(options.broker, std::move(routes));
   Control control(store, agent, ca, terms);

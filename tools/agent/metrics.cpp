@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
+#include <stdexcept>
 #include <string_view>
 
 namespace daxo_agent {
@@ -309,14 +310,31 @@ constexpr MetricRequest kRequests[] = {
 
 }  // namespace
 
-std::vector<Route> MetricRoutes(Store& store) {
+PushLog::PushLog(const std::string& path) : file_(std::fopen(path.c_str(), "a"), std::fclose) {
+  if (file_ == nullptr) throw std::runtime_error("cannot open the push log " + path);
+}
+
+void PushLog::Record(const Message& push) {
+  std::string body = push.payload;
+  std::replace_if(body.begin(), body.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  std::fprintf(file_.get(), "%s %s %s\n", ClientOf(push).c_str(), SensorOf(push).c_str(),
+               body.c_str());
+  // Written before the answer goes out: a client that has its answer finds the line.
+  std::fflush(file_.get());
+}
+
+std::vector<Route> MetricRoutes(Store& store, PushLog* pushLog) {
   std::vector<Route> routes;
   for (const MetricRequest& request : kRequests)
-    routes.push_back({request.filter, [&request, &store](const Message& m, Outbox& out) {
+    routes.push_back({request.filter, [&request, &store, pushLog](const Message& m, Outbox& out) {
                         // The agent's own reply to a created sensor,
                         // /v1.0/<id>/sensor/inbox, comes back on the push filter.
                         if (request.serve == Push && SensorOf(m) == "inbox") return;
-                        out.PublishAnswer(m.topic, request.successSuffix, request.serve(store, m));
+                        Answer answer = request.serve(store, m);
+                        if (request.serve == Push && pushLog != nullptr &&
+                            std::holds_alternative<std::string>(answer))
+                          pushLog->Record(m);
+                        out.PublishAnswer(m.topic, request.successSuffix, answer);
                       }});
   return routes;
 }

@@ -19,6 +19,9 @@
 #ifndef DAXO_AGENT_METRICS_H
 #define DAXO_AGENT_METRICS_H
 
+#include <cstdio>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "agent.h"
@@ -26,9 +29,22 @@
 
 namespace daxo_agent {
 
+// Every push the agent stores, one line each, as it arrived:
+// "CLIENT_ID SENSOR_ID BODY". The dump keeps only the last value of each
+// metric; this record shows whether a value came once, twice or never.
+class PushLog {
+ public:
+  // Appends to path; throws std::runtime_error when it cannot be opened.
+  explicit PushLog(const std::string& path);
+  void Record(const Message& push);
+
+ private:
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
+};
+
 // Must follow the sensor routes: the push filter, /v1.0/+/sensor/+, would
-// also take the sensor creation request.
-std::vector<Route> MetricRoutes(Store& store);
+// also take the sensor creation request. pushLog may be null.
+std::vector<Route> MetricRoutes(Store& store, PushLog* pushLog);
 
 }  // namespace daxo_agent
 

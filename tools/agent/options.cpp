@@ -61,6 +61,11 @@ constexpr OptionSetter kOptions[] = {
        o.controlPath = v;
        return !v.empty();
      }},
+    {"--push-log",
+     [](Options& o, const std::string& v) {
+       o.pushLog = v;
+       return !v.empty();
+     }},
 };
 
 const OptionSetter* FindOption(std::string_view name) {
@@ -121,6 +126,8 @@ that clients publish on the agent's MQTT broker.
                       (default 365)
   --control PATH      the agent's control socket, a Unix socket of mode 0600
                       (default DIR/control.sock in the --state folder)
+  --push-log FILE     appends every push the agent stores to FILE, one line
+                      each: CLIENT_ID SENSOR_ID BODY
   --help              this text
 
 The agent logs one line per event on stdout and prints "daxo-agent: ready"

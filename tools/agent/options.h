@@ -16,6 +16,7 @@ struct Options {
   int certDays = 365;       // provisioning
   int renewalDays = 365;    // renewal of a connected client's certificate
   std::string controlPath;  // empty: control.sock in stateDir
+  std::string pushLog;      // empty: none
   // The words of a control command to send to a running agent.
   std::vector<std::string> command;
 

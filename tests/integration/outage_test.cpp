@@ -1,0 +1,200 @@
+// Outages while an application works: what its calls return, and which of
+// its values reach the agent, and how often.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daxo_client.h"
+#include "environment.h"
+#include "library_client.h"
+
+namespace daxo_test {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Metric {
+  std::string sensorId, metricId;
+};
+
+// A sensor with one integer metric for the sequence numbers.
+Metric CreateSequenceMetric(LibraryClient& c) {
+  Metric m;
+  if (DAXO_CreateSensor(c, "counter") != DAXO_Error_Success) return m;
+  m.sensorId = c.Next("createSensor").text;
+  DAXO_MetricSchemaContainer* schemas = DAXO_CreateMetricSchemaContainer();
+  DAXO_AddCustomMetricSchema(schemas, "seq", "seq", DAXO_ValueType_Integer, "push number");
+  if (DAXO_CreateMetrics(c, m.sensorId.c_str(), schemas) == DAXO_Error_Success)
+    m.metricId = c.Next("createMetrics").text;
+  DAXO_DestroyMetricSchemaContainer(schemas);
+  return m;
+}
+
+DAXO_Error PushSequence(DAXO_Client* c, const Metric& m, int64_t seq) {
+  DAXO_MetricValueContainer* values = DAXO_CreateMetricValueContainer();
+  DAXO_AddIntegerMetricValue(values, seq, m.metricId.c_str());
+  DAXO_AddEpochTimeStamp(values, 1700000000000ull + uint64_t(seq));
+  DAXO_Error err = DAXO_PushMetricValues(c, m.sensorId.c_str(), values);
+  DAXO_DestroyMetricValueContainer(values);
+  return err;
+}
+
+// How often the agent stored each sequence number of the sensor.
+std::map<int64_t, int> Delivered(const TestEnvironment& env, const Metric& m) {
+  std::map<int64_t, int> times;
+  const std::string key = "\"value\":";
+  for (const std::string& line : env.AgentPushes()) {
+    std::size_t at = line.find(key);
+    if (line.find(" " + m.sensorId + " ") != std::string::npos && at != std::string::npos)
+      ++times[std::atoll(line.c_str() + at + key.size())];
+  }
+  return times;
+}
+
+// Where the test stands when a push is made. A push is counted in the phase
+// it was made in, so each phase's results are what the application saw then.
+enum Phase { kUp, kStopping, kDown, kStarting, kReconnecting, kBack, kPhases };
+constexpr const char* kPhaseNames[] = {"up",       "stopping",     "down",
+                                       "starting", "reconnecting", "back"};
+
+// One push every 100 ms on its own thread, until 20 were made in kBack.
+class Pusher {
+ public:
+  struct Push {
+    Phase phase;
+    DAXO_Error result;
+  };
+
+  Pusher(DAXO_Client* c, Metric m)
+      : thread_([this, c, m] {
+          for (auto next = std::chrono::steady_clock::now(); backPushes_ < 20; next += 100ms) {
+            std::this_thread::sleep_until(next);
+            Phase phase = phase_;
+            pushes_.push_back({phase, PushSequence(c, m, int64_t(pushes_.size()))});
+            backPushes_ += phase == kBack;
+          }
+        }) {}
+  ~Pusher() { Finish(); }
+
+  void Enter(Phase phase) { phase_ = phase; }
+  // Index = sequence number.
+  const std::vector<Push>& Finish() {
+    if (thread_.joinable()) thread_.join();
+    return pushes_;
+  }
+
+ private:
+  std::atomic<Phase> phase_{kUp};
+  int backPushes_ = 0;
+  std::vector<Push> pushes_;
+  std::thread thread_;
+};
+
+class OutageTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { DAXO_LibInit(); }
+  static void TearDownTestSuite() { DAXO_LibCleanup(); }
+};
+
+TEST_F(OutageTest, ABrokerOutageRefusesPushesAndDeliversNoneTwice) {
+  TestEnvironment env;
+  LibraryClient c(env);
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  Metric m = CreateSequenceMetric(c);
+  ASSERT_FALSE(m.metricId.empty());
+
+  Pusher pusher(c, m);
+  // The waits set the length of each phase, not the order of events.
+  std::this_thread::sleep_for(2s);
+  pusher.Enter(kStopping);
+  env.StopBroker();
+  ASSERT_EQ(c.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
+  pusher.Enter(kDown);
+  std::this_thread::sleep_for(3s);  // past the library's own restart of the attempt
+  pusher.Enter(kStarting);
+  env.StartBroker();  // returns once the agent serves again
+  pusher.Enter(kReconnecting);
+  ASSERT_EQ(c.Code("connect"), DAXO_Error_Success);
+  pusher.Enter(kBack);
+  const std::vector<Pusher::Push>& pushes = pusher.Finish();
+  const int last = int(pushes.size()) - 1;
+  ASSERT_EQ(c.Code("pushMetricValues"), DAXO_ApiError_NoError);
+  for (int i = 0; i < 200 && !Delivered(env, m).contains(last); ++i)
+    std::this_thread::sleep_for(50ms);
+
+  std::map<int64_t, int> delivered = Delivered(env, m);
+  struct Figures {
+    int made = 0, accepted = 0, refused = 0, delivered = 0;
+  } figures[kPhases];
+  for (int seq = 0; seq <= last; ++seq) {
+    const auto [phase, result] = pushes[seq];
+    SCOPED_TRACE("push " + std::to_string(seq) + " " + kPhaseNames[phase] + " " +
+                 DAXO_ErrorName(result));
+    bool accepted = result == DAXO_Error_Success, arrived = delivered.contains(seq);
+    Figures& f = figures[phase];
+    ++f.made, f.accepted += accepted, f.delivered += arrived;
+    f.refused += result == DAXO_Error_NoConnectionToServer;
+    EXPECT_TRUE(accepted || result == DAXO_Error_NoConnectionToServer);
+    EXPECT_LE(delivered[seq], 1) << "delivered twice";
+    if (!accepted) {
+      EXPECT_FALSE(arrived) << "refused, yet delivered";
+    }
+    // The broker may go down holding the last push it took, and a push may
+    // reach the broker before the agent has subscribed again.
+    bool mayBeLost = phase == kStopping || phase == kStarting ||
+                     (phase == kUp && (seq + 1 == last || pushes[seq + 1].phase != kUp));
+    if (accepted && !mayBeLost) {
+      EXPECT_TRUE(arrived) << "accepted, yet lost";
+    }
+    if (phase == kUp || phase == kDown || phase == kBack) {
+      EXPECT_EQ(accepted, phase != kDown) << "while the connection was up, or down";
+    }
+  }
+  std::string table;
+  for (int phase = 0; phase < kPhases; ++phase) {
+    const Figures& f = figures[phase];
+    table += std::string(kPhaseNames[phase]) + ": made " + std::to_string(f.made) + ", accepted " +
+             std::to_string(f.accepted) + ", refused " + std::to_string(f.refused) +
+             ", delivered " + std::to_string(f.delivered) + "\n";
+  }
+  RecordProperty("pushes", table);
+  std::printf("%s", table.c_str());
+}
+
+// The agent away while the broker stays: the client stays connected, its
+// requests go unanswered and are not kept for the agent's return.
+TEST_F(OutageTest, AnAgentRestartLeavesTheClientConnectedAndDropsWhatCameMeanwhile) {
+  TestEnvironment env;
+  LibraryClient c(env);
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  Metric m = CreateSequenceMetric(c);
+  ASSERT_FALSE(m.metricId.empty());
+
+  env.StopAgent();
+  EXPECT_EQ(DAXO_CheckConnection(c), DAXO_Error_Success);
+  EXPECT_EQ(PushSequence(c, m, 1), DAXO_Error_Success);
+  EXPECT_EQ(c.Next("check", 3s).code, LibraryClient::kNone);
+  EXPECT_EQ(c.Next("pushMetricValues", {}).code, LibraryClient::kNone);
+
+  env.StartAgent();
+  EXPECT_TRUE(c.CheckConnection());
+  EXPECT_EQ(c.Next("check", 1s).code, LibraryClient::kNone) << "the early check stays unanswered";
+  // The development agent keeps its registry in memory: the sensor is gone.
+  EXPECT_EQ(PushSequence(c, m, 2), DAXO_Error_Success);
+  EXPECT_EQ(c.Code("pushMetricValues"), DAXO_ApiError_UnknownSensorId);
+  Metric again = CreateSequenceMetric(c);
+  EXPECT_EQ(PushSequence(c, again, 3), DAXO_Error_Success);
+  EXPECT_EQ(c.Code("pushMetricValues"), DAXO_ApiError_NoError);
+  EXPECT_EQ(c.Next("disconnect", {}).code, LibraryClient::kNone);
+  EXPECT_TRUE(Delivered(env, m).empty());
+  EXPECT_EQ(Delivered(env, again), (std::map<int64_t, int>{{3, 1}}));
+}
+
+}  // namespace
+}  // namespace daxo_test
