@@ -73,14 +73,14 @@ int WriteWholeFile(DAXO_Client* client, const char* path, const char* content,
   return 1;
 }
 
-// 1 when certFolder/fileName exists; formatFailure is logged when the path
-// cannot be formed.
+// 1 when certFolder/fileName exists, -1 when the path cannot be formed
+// (formatFailure is logged): not knowing is not the same as absent.
 int FolderFileExists(DAXO_Client* client, const char* fileName,
                      const char* formatFailure) noexcept {
   daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
   if (path == nullptr) {
     LogMessage(client, formatFailure);
-    return 0;
+    return -1;
   }
   return access(path.get(), F_OK) == 0;
 }
@@ -115,9 +115,10 @@ extern "C" int CheckCertificates(DAXO_Client* client) noexcept {
   struct stat st;
   if (stat(client->certFolder, &st) != 0) return 0;
   if (access(client->caFile, F_OK) != 0) return 0;
-  return FolderFileExists(client, kKeyFileName,
-                          "CheckCertificates: Failed to create key file path") &&
-         FolderFileExists(client, kCertFileName,
+  int key = FolderFileExists(client, kKeyFileName,
+                             "CheckCertificates: Failed to create key file path");
+  if (key <= 0) return key;
+  return FolderFileExists(client, kCertFileName,
                           "CheckCertificates: Failed to create certificate file path");
 }
 

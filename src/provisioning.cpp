@@ -28,7 +28,10 @@ extern "C" DAXO_Error ProvisionClientInternal(DAXO_Client* client,
                                               MosquittoInterface* mosquitto) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   StartCertificateCheckingThread(client);  // after a deprovisioning; failure is not fatal here
-  if (!CheckCertificates(client)) {
+  // A stored identity that could not be looked for must not be replaced.
+  int stored = CheckCertificates(client);
+  if (stored < 0) return DAXO_Error_NoMemory;
+  if (!stored) {
     client->OnProvision = ProvisionCallback;
     DAXO_Error err;
     {
