@@ -8,6 +8,7 @@
 #include <string>
 
 #include "daxo_internal.h"
+#include "summary.h"
 
 namespace {
 
@@ -73,11 +74,28 @@ void BM_DispatchCreateSensorReply(benchmark::State& s) {
 }
 void BM_ParseCreateSensorReply(benchmark::State& s) { Parse(s, kCreateReply); }
 
-BENCHMARK(BM_ParseSensorList);
-BENCHMARK(BM_DispatchSensorList);
-BENCHMARK(BM_ParseCreateSensorReply);
-BENCHMARK(BM_DispatchCreateSensorReply);
+BENCHMARK(BM_ParseSensorList)->Repetitions(10)->ReportAggregatesOnly(true);
+BENCHMARK(BM_DispatchSensorList)->Repetitions(10)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ParseCreateSensorReply)->Repetitions(10)->ReportAggregatesOnly(true);
+BENCHMARK(BM_DispatchCreateSensorReply)->Repetitions(10)->ReportAggregatesOnly(true);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  bench::MedianReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const struct {
+    const char *measure, *dispatch, *parse;
+  } pairs[] = {{"dispatch vs json-c parse: 50-sensor list", "BM_DispatchSensorList", "BM_ParseSensorList"},
+               {"dispatch vs json-c parse: create-sensor reply", "BM_DispatchCreateSensorReply",
+                "BM_ParseCreateSensorReply"}};
+  for (const auto& p : pairs) {
+    double dispatch = reporter.medianCpu[p.dispatch], parse = reporter.medianCpu[p.parse];
+    if (dispatch > 0 && parse > 0)
+      bench::PrintComparison(p.measure, bench::Figure("%.0f ns", dispatch),
+                             bench::Figure("%.0f ns", parse), dispatch / parse, "<= 1.5");
+  }
+  benchmark::Shutdown();
+  return 0;
+}

@@ -27,6 +27,7 @@
 
 #include "daxo_client.h"
 #include "environment.h"
+#include "summary.h"
 
 namespace {
 
@@ -232,6 +233,13 @@ int Run(int rounds) {
       lib.mean / raw.mean);
   std::printf("library / raw, NODELAY, tree/#: p50 %.2f, p99 %.2f, mean %.2f\n", lib.p50 / tree.p50,
               lib.p99 / tree.p99, lib.mean / tree.mean);
+  bench::PrintComparison("round trip p50 (connection check)", bench::Figure("%.0f us", lib.p50),
+                         bench::Figure("%.0f us", raw.p50), lib.p50 / raw.p50, "<= 1.2");
+  bench::PrintComparison("round trip p99 (connection check)", bench::Figure("%.0f us", lib.p99),
+                         bench::Figure("%.0f us", raw.p99), lib.p99 / raw.p99, "-");
+  bench::PrintComparison("round trip p50, raw also subscribed to its tree",
+                         bench::Figure("%.0f us", lib.p50), bench::Figure("%.0f us", tree.p50),
+                         lib.p50 / tree.p50, "-");
   return 0;
 }
 
