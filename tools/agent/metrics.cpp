@@ -316,7 +316,8 @@ PushLog::PushLog(const std::string& path) : file_(std::fopen(path.c_str(), "a"),
 
 void PushLog::Record(const Message& push) {
   std::string body = push.payload;
-  std::replace_if(body.begin(), body.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  std::replace_if(
+      body.begin(), body.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
   std::fprintf(file_.get(), "%s %s %s\n", ClientOf(push).c_str(), SensorOf(push).c_str(),
                body.c_str());
   // Written before the answer goes out: a client that has its answer finds the line.
