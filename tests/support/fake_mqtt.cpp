@@ -1,5 +1,7 @@
 #include "fake_mqtt.h"
 
+#include "alloc_failure.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -37,6 +39,7 @@ int Publish(MI* mi, int* mid, const char* topic, int len, const void* payload, i
 int Subscribe(MI* mi, int* mid, const char* sub, int qos) {
   FakeMqtt& f = Of(mi);
   if (mosquitto_sub_topic_check(sub) != MOSQ_ERR_SUCCESS) return MOSQ_ERR_INVAL;
+  alloc_failure::Suspend unarmed;
   if (f.subscribeResult != MOSQ_ERR_SUCCESS) return f.subscribeResult;
   if (mid != nullptr) *mid = f.nextMid;
   f.subscribes.push_back({sub, qos, f.nextMid++});
@@ -52,22 +55,26 @@ MI* FakeMqtt::Create(MI* mosqInterface, const char* id, int, void* callBackParam
   }
   MI* mi = mosqInterface != nullptr ? mosqInterface : static_cast<MI*>(calloc(1, sizeof(MI)));
   if (mi == nullptr) return nullptr;
+  alloc_failure::Suspend unarmed;  // the fake's own bookkeeping
   auto* fake = new FakeMqtt;
   fake->id = Str(id);
   fake->obj = callBackParam;
   if (onCreate) onCreate(*fake);
   *mi = MI{[](MI* mi) { return Of(mi).loopStartResult; },
            [](MI* mi, int force) {
+             alloc_failure::Suspend unarmed;
              Of(mi).loopStops.push_back(force);
              return int{MOSQ_ERR_SUCCESS};
            },
            [](MI* mi, const char* ca, const char*, const char* cert, const char* key,
               MosquittoPasswordCallback) {
+             alloc_failure::Suspend unarmed;
              Of(mi).tls = Str(ca) + " " + Str(cert) + " " + Str(key);
              return Of(mi).tlsSetResult;
            },
            [](MI*, int) { return int{MOSQ_ERR_SUCCESS}; },
            [](MI* mi, const char* host, int port, int keepAlive) {
+             alloc_failure::Suspend unarmed;
              Of(mi).connects.push_back(Str(host) + ":" + std::to_string(port) + ":" +
                                        std::to_string(keepAlive));
              return Of(mi).connectResult;
@@ -79,6 +86,7 @@ MI* FakeMqtt::Create(MI* mosqInterface, const char* id, int, void* callBackParam
            Subscribe,
            Publish,
            [](MI* mi, unsigned delay, unsigned delayMax, int backoff) {
+             alloc_failure::Suspend unarmed;
              Of(mi).reconnectDelay = {delay, delayMax, static_cast<unsigned>(backoff)};
              return int{MOSQ_ERR_SUCCESS};
            },
@@ -110,7 +118,11 @@ void FakeMqtt::Reset() {
 }
 
 bool FakeMqtt::Deliver(const std::string& topic, const std::string& payload, int qos) {
-  std::string topicCopy = topic, body = payload;  // c_str() is the NUL libmosquitto adds
+  std::string topicCopy, body;  // c_str() is the NUL libmosquitto adds
+  {
+    alloc_failure::Suspend unarmed;
+    topicCopy = topic, body = payload;
+  }
   mosquitto_message message{1,    topicCopy.data(), body.data(), static_cast<int>(body.size()), qos,
                             false};
   return Fire(onMessage, &message);

@@ -64,6 +64,7 @@ class AllocFailureApi : public FakeClientTest {
 };
 
 const std::set<int> kNoMemory = {DAXO_Error_NoMemory};
+const std::string kPingTopic = "/v1.0/client-1/ping/info/inbox", kEmpty = "{}";
 
 TEST_F(AllocFailureApi, EveryOperationGivesItsCodeAndSendsAllOrNothing) {
   auto none = [] {};
@@ -172,12 +173,19 @@ TEST_F(AllocFailureApi, TransportHandlersReportOrDropUnderEveryFailure) {
       {"connect", [](FakeMqtt& f) { return f.FireConnect(0); }, "subscribed"},
       {"refused connect", [](FakeMqtt& f) { return f.FireConnect(5); },
        "OnConnect " + std::to_string(ConvertConnackCode(5))},
-      {"subscribe", [](FakeMqtt& f) { return f.FireSubscribe(1); }, "OnConnect 0"},
+      {"subscribe",
+       [](FakeMqtt& f) {
+         int qos = 2;  // FireSubscribe's vector would be made under the armed scope
+         f.onSubscribe(reinterpret_cast<struct mosquitto*>(&f), f.obj, 1, 1, &qos);
+         return true;
+       },
+       "OnConnect 0"},
       {"disconnect", [](FakeMqtt& f) { return f.FireDisconnect(0); }, "OnDisconnect 0"},
       {"lost", [](FakeMqtt& f) { return f.FireDisconnect(7); }, "OnDisconnect 12"},
       {"publish", [](FakeMqtt& f) { return f.FirePublish(f.publishes.back().mid); },
        "OnDeprovisionClient 0"},
-      {"message", [](FakeMqtt& f) { return f.Deliver("/v1.0/client-1/ping/info/inbox", "{}"); },
+      {"message",
+       [](FakeMqtt& f) { return f.Deliver(kPingTopic, kEmpty); },
        "OnCheckConnection -1"},
   };
   for (const auto& h : kHandlers) {

@@ -126,6 +126,7 @@ TEST_F(AllocFailureInbound, AnExpiryAnswerSendsAWholeRenewalRequestOrNone) {
   };
   const std::string answer =
       R"({"providedExpiresAt":"20000101T000000","certificateType":"client certificate"})";
+  const std::string topic = "/v1.0/client-1/checkExpireDate/inbox";
   reused_key::Scope sameKey;
   alloc_failure::ForEachAllocationFailure(
       [&] {
@@ -134,7 +135,7 @@ TEST_F(AllocFailureInbound, AnExpiryAnswerSendsAWholeRenewalRequestOrNone) {
         FreeProvisionData(client);
         free(std::exchange(client->newKeyContent, nullptr));
       },
-      [&] { return fake.Deliver("/v1.0/client-1/checkExpireDate/inbox", answer); },
+      [&] { return fake.Deliver(topic, answer); },
       [&](bool, long n, bool fired) {
         if (fake.publishes.empty()) {
           EXPECT_TRUE(fired) << n;
