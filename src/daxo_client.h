@@ -631,15 +631,15 @@ DAXO_EXPORT DAXO_Error DAXO_AddEpochTimeStamp(DAXO_MetricValueContainer* contain
  * (DAXO_Error_InvalidArguments).
  *
  * While the main connection is down (before DAXO_Connect, and from the
- * OnDisconnect that reports an outage until the OnConnect that ends it,
- * while the library reconnects by itself) it returns
+ * OnDisconnect that reports an outage until the broker accepts the
+ * connection again, just before the OnConnect that ends the outage; the
+ * library reconnects by itself) it returns
  * DAXO_Error_NoConnectionToServer and keeps nothing: the values are not sent
  * later, so the application may push them again after OnConnect without
  * any arriving twice. DAXO_Error_Success means the values were handed to
- * the connection, and they are delivered at most once. A push accepted as
- * the connection is being lost, before the library has noticed, goes out
- * once the connection is back, unless the broker went down holding it; it
- * is then lost. Only the answer through OnPushMetricValues confirms that the
+ * the connection, and they are delivered at most once; a push accepted as
+ * the connection is being lost, before the library has noticed, may be lost
+ * with it. Only the answer through OnPushMetricValues confirms that the
  * agent has the values: a push that gets none was lost in an outage or
  * reached the broker while the agent was away. */
 DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* sensorId,

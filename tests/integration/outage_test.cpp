@@ -80,7 +80,11 @@ class Pusher {
             backPushes_ += phase == kBack;
           }
         }) {}
-  ~Pusher() { Finish(); }
+  // A test that stopped half way ends the pushing within two seconds.
+  ~Pusher() {
+    Enter(kBack);
+    Finish();
+  }
 
   void Enter(Phase phase) { phase_ = phase; }
   // Index = sequence number.
