@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,28 +74,39 @@ int WriteWholeFile(DAXO_Client* client, const char* path, const char* content,
   return 1;
 }
 
+// certFolder/fileName, formed without allocating: deprovisioning completes
+// in a publish handler that cannot report a failure, so forming the paths of
+// the files it removes must not depend on memory being available.
+struct FolderPath {
+  char text[PATH_MAX];
+  bool Form(const DAXO_Client* client, const char* fileName) noexcept {
+    int n = snprintf(text, sizeof text, "%s/%s", client->certFolder, fileName);
+    return n >= 0 && static_cast<size_t>(n) < sizeof text;
+  }
+};
+
 // 1 when certFolder/fileName exists, -1 when the path cannot be formed
 // (formatFailure is logged): not knowing is not the same as absent.
 int FolderFileExists(DAXO_Client* client, const char* fileName,
                      const char* formatFailure) noexcept {
-  daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
-  if (path == nullptr) {
+  FolderPath path;
+  if (!path.Form(client, fileName)) {
     LogMessage(client, formatFailure);
     return -1;
   }
-  return access(path.get(), F_OK) == 0;
+  return access(path.text, F_OK) == 0;
 }
 
 // 0 when certFolder/fileName is removed, the errno of a failed removal, or
 // -1 when the path cannot be formed (formatFailure is logged).
 int RemoveFolderFile(DAXO_Client* client, const char* fileName,
                      const char* formatFailure) noexcept {
-  daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
-  if (path == nullptr) {
+  FolderPath path;
+  if (!path.Form(client, fileName)) {
     LogMessage(client, formatFailure);
     return -1;
   }
-  return remove(path.get()) == 0 ? 0 : errno;
+  return remove(path.text) == 0 ? 0 : errno;
 }
 
 }  // namespace

@@ -208,8 +208,9 @@ TEST_F(AllocFailureApi, TransportHandlersReportOrDropUnderEveryFailure) {
           bool reported = seen == "OnConnect " + std::to_string(DAXO_Error_NoMemory);
           EXPECT_TRUE(seen == h.outcome || (fired && (seen.empty() || reported)))
               << n << ": " << seen;
-          // Not checked yet: a deprovisioning whose files could not be
-          // removed (their paths not formed) is still reported complete.
+          if (seen == "OnDeprovisionClient 0")
+            EXPECT_FALSE(std::filesystem::exists(std::string(client->certFolder) + "/priv_key.key"))
+                << n << ": reported complete with the key left";
         });
   }
 }
