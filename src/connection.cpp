@@ -155,16 +155,8 @@ DAXO_Error CheckConnection(DAXO_Client* client) noexcept {
 DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* topic,
                      const char* message, int length, int* messageId) noexcept {
   if (mi == nullptr) return DAXO_Error_NoConnectionToServer;
-  // libmosquitto queues a message published while it is disconnected and
-  // sends it once it is back, yet reports the first of them as not sent: an
-  // application that sends them again would have them delivered twice. So a
-  // message is refused, and not queued, while the main connection is known
-  // to be down; one that libmosquitto takes after that is on its way.
-  bool main = mi == client->mosq;
-  if (main && !Load(client->mainWatch.connected)) return DAXO_Error_NoConnectionToServer;
   int rc = mi->mosquittoPublishFunction(mi, messageId, topic, length, message, 2, 0);
-  if (main) LogFormat(client, "SendMessage: %s", message);
-  if (main && rc == MOSQ_ERR_NO_CONN) return DAXO_Error_Success;
+  if (mi == client->mosq) LogFormat(client, "SendMessage: %s", message);
   return PublishResultToError(rc);
 }
 

@@ -486,8 +486,9 @@ DAXO_EXPORT DAXO_Error DAXO_Connect(DAXO_Client* client) DAXO_NOEXCEPT;
 /* DAXO_CheckConnection asks the agent to confirm the connection; the answer
  * arrives through OnCheckConnection. Returns DAXO_Error_InvalidArguments
  * for a null or unprovisioned client, DAXO_Error_NoConnectionToServer
- * before DAXO_Connect or while the broker is unreachable, or the result of
- * handing the message to the transport. */
+ * before DAXO_Connect, or the result of handing the message to the
+ * transport; during an outage the check is kept and sent on reconnection,
+ * as DAXO_PushMetricValues describes. */
 DAXO_EXPORT DAXO_Error DAXO_CheckConnection(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_Disconnect asks the broker to close the main connection and stops
@@ -630,18 +631,19 @@ DAXO_EXPORT DAXO_Error DAXO_AddEpochTimeStamp(DAXO_MetricValueContainer* contain
  * answered through OnPushMetricValues. An empty container is refused
  * (DAXO_Error_InvalidArguments).
  *
- * While the main connection is down (before DAXO_Connect, and from the
- * OnDisconnect that reports an outage until the broker accepts the
- * connection again, just before the OnConnect that ends the outage; the
- * library reconnects by itself) it returns
- * DAXO_Error_NoConnectionToServer and keeps nothing: the values are not sent
- * later, so the application may push them again after OnConnect without
- * any arriving twice. DAXO_Error_Success means the values were handed to
- * the connection, and they are delivered at most once; a push accepted as
- * the connection is being lost, before the library has noticed, may be lost
- * with it. Only the answer through OnPushMetricValues confirms that the
- * agent has the values: a push that gets none was lost in an outage or
- * reached the broker while the agent was away. */
+ * Before DAXO_Connect it returns DAXO_Error_NoConnectionToServer and
+ * nothing is sent. After it, during an outage (from the OnDisconnect that
+ * reports it until the OnConnect that ends it; the library reconnects by
+ * itself), the values are kept in memory by the connection and sent once
+ * the broker accepts it again, whatever the code returned: the first
+ * pushes of an outage return DAXO_Error_NoConnectionToServer (libmosquitto
+ * counts them against its twenty messages in flight), later ones
+ * DAXO_Error_Success. Do not push such values again: they would arrive
+ * twice. A push accepted as the broker goes down, before the library has
+ * noticed, may be lost with the broker's state (sessions are clean), and
+ * values sent while the agent is away are never delivered to it. Only the
+ * answer through OnPushMetricValues confirms that the agent has the
+ * values. DAXO_Disconnect and DAXO_DeleteClient drop what is still kept. */
 DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* sensorId,
                                              DAXO_MetricValueContainer* container) DAXO_NOEXCEPT;
 
