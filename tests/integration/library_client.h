@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "daxo_client.h"
 #include "environment.h"
 
@@ -143,6 +145,13 @@ class LibraryClient {
   std::condition_variable changed_;
   std::map<std::string, std::vector<Event>> events_;
   std::map<std::string, size_t> consumed_;
+};
+
+// Suites of tests that use the library, which is initialised once for them.
+class LibraryTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { DAXO_LibInit(); }
+  static void TearDownTestSuite() { DAXO_LibCleanup(); }
 };
 
 }  // namespace daxo_test

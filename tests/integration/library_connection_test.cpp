@@ -51,12 +51,6 @@ void OnRenewal(DAXO_Client*, void* self, DAXO_Error err) {
   if (err != DAXO_Error_WrongReply) static_cast<LibraryClient*>(self)->Record("renewal", err);
 }
 
-class LibraryTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { DAXO_LibInit(); }
-  static void TearDownTestSuite() { DAXO_LibCleanup(); }
-};
-
 TEST_F(LibraryTest, ProvisionsConnectsAndOutlastsOutages) {
   TestEnvironment env;
   LibraryClient a(env), b(env), late(env), fresh(env), refused(env, {.clientName = "bad/name"});

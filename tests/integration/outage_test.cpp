@@ -100,19 +100,21 @@ class Pusher {
   std::thread thread_;
 };
 
-class OutageTest : public ::testing::Test {
+// A connected client with a sensor whose one metric numbers the pushes.
+class OutageTest : public LibraryTest {
  protected:
-  static void SetUpTestSuite() { DAXO_LibInit(); }
-  static void TearDownTestSuite() { DAXO_LibCleanup(); }
+  void SetUp() override {
+    ASSERT_TRUE(c.ProvisionAndConnect());
+    m = CreateSequenceMetric(c);
+    ASSERT_FALSE(m.metricId.empty());
+  }
+
+  TestEnvironment env;
+  LibraryClient c{env};
+  Metric m;
 };
 
 TEST_F(OutageTest, ABrokerOutageKeepsPushesForTheReconnectionAndDeliversNoneTwice) {
-  TestEnvironment env;
-  LibraryClient c(env);
-  ASSERT_TRUE(c.ProvisionAndConnect());
-  Metric m = CreateSequenceMetric(c);
-  ASSERT_FALSE(m.metricId.empty());
-
   Pusher pusher(c, m);
   // The waits set the length of each phase, not the order of events.
   std::this_thread::sleep_for(2s);
@@ -179,12 +181,6 @@ TEST_F(OutageTest, ABrokerOutageKeepsPushesForTheReconnectionAndDeliversNoneTwic
 // The agent away while the broker stays: the client stays connected, its
 // requests go unanswered and are not kept for the agent's return.
 TEST_F(OutageTest, AnAgentRestartLeavesTheClientConnectedAndDropsWhatCameMeanwhile) {
-  TestEnvironment env;
-  LibraryClient c(env);
-  ASSERT_TRUE(c.ProvisionAndConnect());
-  Metric m = CreateSequenceMetric(c);
-  ASSERT_FALSE(m.metricId.empty());
-
   env.StopAgent();
   EXPECT_EQ(DAXO_CheckConnection(c), DAXO_Error_Success);
   EXPECT_EQ(PushSequence(c, m, 1), DAXO_Error_Success);

@@ -20,6 +20,7 @@
 #include "daxo_client.h"
 #include "daxo_internal.h"
 #include "environment.h"
+#include "library_client.h"
 
 namespace daxo_test {
 namespace {
@@ -113,11 +114,7 @@ class CountingClient {
   std::condition_variable changed_;
 };
 
-class SoakTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { DAXO_LibInit(); }
-  static void TearDownTestSuite() { DAXO_LibCleanup(); }
-};
+using SoakTest = LibraryTest;
 
 TEST_F(SoakTest, TenValuesASecondWithCheckPassesNeitherGrowNorLose) {
   const char* configured = std::getenv("DAXO_SOAK_SECONDS");
