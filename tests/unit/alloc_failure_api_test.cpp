@@ -121,6 +121,28 @@ TEST_F(AllocFailureApi, EveryOperationGivesItsCodeAndSendsAllOrNothing) {
        [&] { return int(DAXO_ProvisionClient(client)); },
        // The watch thread it starts may send the expiry check meanwhile.
        {DAXO_Error_NoMemory, DAXO_Error_GetClientId}, -1, DAXO_Error_AlreadyProvisioned},
+      // Last: it clears the recording callbacks the rows above look at.
+      {"every other callback setter, the record destroyers", none,
+       [&] {
+         DAXO_Client* c = client;
+         int err = DAXO_ProvisionClientCallbackSet(c, nullptr) |
+                   DAXO_DisconnectCallbackSet(c, nullptr) | DAXO_CreateSensorCallbackSet(c, nullptr) |
+                   DAXO_UpdateSensorCallbackSet(c, nullptr) | DAXO_DeleteSensorCallbackSet(c, nullptr) |
+                   DAXO_DeleteMetricsCallbackSet(c, nullptr) |
+                   DAXO_PushMetricValuesCallbackSet(c, nullptr) |
+                   DAXO_CreateMetricsCallbackSet(c, nullptr) |
+                   DAXO_UpdateMetricsCallbackSet(c, nullptr) |
+                   DAXO_ListSensorsCallbackSet(c, nullptr) |
+                   DAXO_DescribeMetricCallbackSet(c, nullptr) |
+                   DAXO_CheckConnectionCallbackSet(c, nullptr) |
+                   DAXO_DeleteSensorJobCallbackSet(c, nullptr);
+         DAXO_DestroySensorMetadata(nullptr);
+         DAXO_DestroySensorsInfo(nullptr);
+         DAXO_DestroyCreatedMetrics(nullptr);
+         DAXO_DestroyMetricMetadata(nullptr);
+         return err;
+       },
+       {}, 0},
   };
   for (const Operation& op : kOperations) Run(op);
   DAXO_DestroyMetricSchemaContainer(schema);
