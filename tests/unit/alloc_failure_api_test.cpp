@@ -48,8 +48,9 @@ class AllocFailureApi : public FakeClientTest {
           EXPECT_TRUE(err == op.normal || op.codes.count(err)) << n << ": " << err;
           EXPECT_TRUE(fired || err == op.normal) << n;
           size_t sent = Published() - before;
-          if (op.published >= 0)
+          if (op.published >= 0) {
             EXPECT_EQ(sent, err == DAXO_Error_Success ? size_t(op.published) : 0u) << n;
+          }
         });
     RecordProperty(op.name, static_cast<int>(allocations));
   }
@@ -230,9 +231,10 @@ TEST_F(AllocFailureApi, TransportHandlersReportOrDropUnderEveryFailure) {
           bool reported = seen == "OnConnect " + std::to_string(DAXO_Error_NoMemory);
           EXPECT_TRUE(seen == h.outcome || (fired && (seen.empty() || reported)))
               << n << ": " << seen;
-          if (seen == "OnDeprovisionClient 0")
+          if (seen == "OnDeprovisionClient 0") {
             EXPECT_FALSE(std::filesystem::exists(std::string(client->certFolder) + "/priv_key.key"))
                 << n << ": reported complete with the key left";
+          }
         });
   }
 }
