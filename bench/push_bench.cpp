@@ -53,7 +53,7 @@ constexpr int kValues = 4 * kValuesPerType;
 constexpr long kWindow = 64;
 constexpr long kWarmUpMessages = 200;
 constexpr int kRounds = 5;
-constexpr int kCpuRounds = 5;
+constexpr int kCpuRounds = 15;
 constexpr int kCpuBodies = 2000;
 constexpr auto kTimeout = std::chrono::seconds(60);
 
