@@ -13,48 +13,23 @@
 #include "daxo_client.h"
 #include "environment.h"
 #include "library_client.h"
+#include "sequence_pushes.h"
 
 namespace daxo_test {
 namespace {
 
 using namespace std::chrono_literals;
 
-struct Metric {
-  std::string sensorId, metricId;
-};
+using Metric = SequenceMetric;
 
 // A sensor with one integer metric for the sequence numbers.
 Metric CreateSequenceMetric(LibraryClient& c) {
   Metric m;
   if (DAXO_CreateSensor(c, "counter") != DAXO_Error_Success) return m;
   m.sensorId = c.Next("createSensor").text;
-  DAXO_MetricSchemaContainer* schemas = DAXO_CreateMetricSchemaContainer();
-  DAXO_AddCustomMetricSchema(schemas, "seq", "seq", DAXO_ValueType_Integer, "push number");
-  if (DAXO_CreateMetrics(c, m.sensorId.c_str(), schemas) == DAXO_Error_Success)
+  if (DefineSequenceMetric(c, m.sensorId) == DAXO_Error_Success)
     m.metricId = c.Next("createMetrics").text;
-  DAXO_DestroyMetricSchemaContainer(schemas);
   return m;
-}
-
-DAXO_Error PushSequence(DAXO_Client* c, const Metric& m, int64_t seq) {
-  DAXO_MetricValueContainer* values = DAXO_CreateMetricValueContainer();
-  DAXO_AddIntegerMetricValue(values, seq, m.metricId.c_str());
-  DAXO_AddEpochTimeStamp(values, 1700000000000ull + uint64_t(seq));
-  DAXO_Error err = DAXO_PushMetricValues(c, m.sensorId.c_str(), values);
-  DAXO_DestroyMetricValueContainer(values);
-  return err;
-}
-
-// How often the agent stored each sequence number of the sensor.
-std::map<int64_t, int> Delivered(const TestEnvironment& env, const Metric& m) {
-  std::map<int64_t, int> times;
-  const std::string key = "\"value\":";
-  for (const std::string& line : env.AgentPushes()) {
-    std::size_t at = line.find(key);
-    if (line.find(" " + m.sensorId + " ") != std::string::npos && at != std::string::npos)
-      ++times[std::atoll(line.c_str() + at + key.size())];
-  }
-  return times;
 }
 
 // Where the test stands when a push is made. A push is counted in the phase

@@ -21,6 +21,7 @@
 #include "daxo_internal.h"
 #include "environment.h"
 #include "library_client.h"
+#include "sequence_pushes.h"
 
 namespace daxo_test {
 namespace {
@@ -139,11 +140,9 @@ TEST_F(SoakTest, TenValuesASecondWithCheckPassesNeitherGrowNorLose) {
   ASSERT_TRUE(c.WaitFor([](auto& s) { return s.connected == DAXO_Error_Success; }));
   ASSERT_EQ(DAXO_CreateSensor(c, "soak"), DAXO_Error_Success);
   ASSERT_TRUE(c.WaitFor([](auto& s) { return !s.sensorId.empty(); }));
-  DAXO_MetricSchemaContainer* schemas = DAXO_CreateMetricSchemaContainer();
-  DAXO_AddCustomMetricSchema(schemas, "seq", "seq", DAXO_ValueType_Integer, "push number");
-  ASSERT_EQ(DAXO_CreateMetrics(c, c.sensorId.c_str(), schemas), DAXO_Error_Success);
-  DAXO_DestroyMetricSchemaContainer(schemas);
+  ASSERT_EQ(DefineSequenceMetric(c, c.sensorId), DAXO_Error_Success);
   ASSERT_TRUE(c.WaitFor([](auto& s) { return !s.metricId.empty(); }));
+  const SequenceMetric metric{c.sensorId, c.metricId};
 
   // One value per push, one push every 100 ms.
   const Clock::time_point start = Clock::now();
@@ -157,22 +156,14 @@ TEST_F(SoakTest, TenValuesASecondWithCheckPassesNeitherGrowNorLose) {
       CheckCAExpirationDate(c, CountingClient::OnCheckAnswer);
       ++passes, nextPass += checkPeriod;
     }
-    DAXO_MetricValueContainer* values = DAXO_CreateMetricValueContainer();
-    DAXO_AddIntegerMetricValue(values, pushes, c.metricId.c_str());
-    DAXO_AddEpochTimeStamp(values, 1700000000000ull + uint64_t(pushes));
-    refused += DAXO_PushMetricValues(c, c.sensorId.c_str(), values) != DAXO_Error_Success;
-    DAXO_DestroyMetricValueContainer(values);
-    ++pushes;
+    refused += PushSequence(c, metric, pushes++) != DAXO_Error_Success;
     if (next >= nextSample) samples.push_back(Measure(start)), nextSample += samplePeriod;
   }
   samples.push_back(Measure(start));
   EXPECT_TRUE(c.WaitFor([&](auto& s) { return s.answered + s.failed >= pushes - refused; }));
   EXPECT_TRUE(c.WaitFor([&](auto& s) { return s.checkAnswers >= 2 * passes; }));
 
-  std::map<long, int> delivered;
-  for (const std::string& line : env.AgentPushes())
-    if (std::size_t at = line.find("\"value\":"); at != line.npos)
-      ++delivered[std::atol(line.c_str() + at + 8)];
+  const std::map<int64_t, int> delivered = Delivered(env, metric);
   long twice =
       std::count_if(delivered.begin(), delivered.end(), [](auto& d) { return d.second > 1; });
 
