@@ -27,6 +27,7 @@
 
 #include "daxo_client.h"
 #include "environment.h"
+#include "raw_client.h"
 #include "summary.h"
 
 namespace {
@@ -108,60 +109,30 @@ class LibraryPinger {
 
 enum class Subscription { kAnswer, kWholeTree };
 
-// The exchange the library makes, written directly on libmosquitto: QoS 2
-// both ways, with a certificate of its own so that its answers reach no one
-// else.
+// The exchange the library makes, written directly on libmosquitto.
 class RawPinger {
  public:
   RawPinger(TestEnvironment& env, const std::string& id, bool noDelay, Subscription subscription)
-      : pingTopic_("/v1.0/" + id + "/ping"), inboxTopic_(pingTopic_ + "/info/inbox") {
-    std::string filter = subscription == Subscription::kAnswer ? inboxTopic_ : "/v1.0/" + id + "/#";
-    std::string folder = env.NewCertFolder();
-    env.IssueClientCertificate(folder, {.commonName = id, .start = std::chrono::hours(-1)});
-    mosq_ = mosquitto_new(id.c_str(), true, this);
-    if (mosq_ == nullptr) throw std::runtime_error("mosquitto_new failed");
-    mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, noDelay ? 1 : 0);
-    mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
-      static_cast<RawPinger*>(self)->connect_.Notify(rc);
-    });
-    mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int, int, const int* qos) {
-      static_cast<RawPinger*>(self)->subscribe_.Notify(qos[0]);
-    });
-    mosquitto_message_callback_set(mosq_, [](mosquitto*, void* self, const mosquitto_message* m) {
-      auto* pinger = static_cast<RawPinger*>(self);
-      if (pinger->inboxTopic_ == m->topic) pinger->reply_.Notify(0);
-    });
-    if (mosquitto_tls_set(mosq_, env.CaFile().c_str(), nullptr, (folder + "/cert.crt").c_str(),
-                          (folder + "/priv_key.key").c_str(), nullptr) != MOSQ_ERR_SUCCESS ||
-        mosquitto_connect(mosq_, env.Host().c_str(), env.MainPort(), 30) != MOSQ_ERR_SUCCESS ||
-        mosquitto_loop_start(mosq_) != MOSQ_ERR_SUCCESS || connect_.After(0) != 0 ||
-        mosquitto_subscribe(mosq_, nullptr, filter.c_str(), 2) != MOSQ_ERR_SUCCESS ||
-        subscribe_.After(0) != 2) {
-      Close();
-      throw std::runtime_error("the bare client " + id + " did not connect and subscribe");
-    }
-  }
-  ~RawPinger() { Close(); }
-  RawPinger(const RawPinger&) = delete;
-  RawPinger& operator=(const RawPinger&) = delete;
+      : pingTopic_("/v1.0/" + id + "/ping"),
+        inboxTopic_(pingTopic_ + "/info/inbox"),
+        client_(env, id, subscription == Subscription::kAnswer ? inboxTopic_ : "/v1.0/" + id + "/#",
+                {this,
+                 [](void* self, const mosquitto_message* m) {
+                   auto* pinger = static_cast<RawPinger*>(self);
+                   if (pinger->inboxTopic_ == m->topic) pinger->reply_.Notify(0);
+                 }},
+                noDelay) {}
 
   bool RoundTrip() {
     unsigned long seen = reply_.Count();
-    return mosquitto_publish(mosq_, nullptr, pingTopic_.c_str(), sizeof kPingRequest - 1,
-                             kPingRequest, 2, false) == MOSQ_ERR_SUCCESS &&
+    return client_.Publish(pingTopic_, kPingRequest, sizeof kPingRequest - 1) &&
            reply_.After(seen).has_value();
   }
 
  private:
-  void Close() {
-    mosquitto_disconnect(mosq_);
-    mosquitto_loop_stop(mosq_, false);
-    mosquitto_destroy(mosq_);
-  }
-
   std::string pingTopic_, inboxTopic_;
-  mosquitto* mosq_ = nullptr;
-  Signal connect_, subscribe_, reply_;
+  Signal reply_;
+  bench::RawClient client_;  // last: its network thread uses the members above
 };
 
 struct Variant {

@@ -41,6 +41,7 @@
 #include "daxo_client.h"
 #include "daxo_internal.h"
 #include "environment.h"
+#include "raw_client.h"
 #include "summary.h"
 
 namespace {
@@ -250,68 +251,35 @@ enum class Subscription { kReplies, kWholeTree };
 class RawPusher : public Pusher {
  public:
   RawPusher(TestEnvironment& env, const std::string& id, Subscription subscription)
-      : id_(id),
-        name_(subscription == Subscription::kReplies ? "raw, replies only" : "raw, tree/#") {
-    std::string folder = env.NewCertFolder();
-    env.IssueClientCertificate(folder, {.commonName = id, .start = std::chrono::hours(-1)});
-    batch_ = DefineSensor(env, id);
-    topic_ = PushTopic(id, batch_.sensorId);
-    info_ = topic_ + "/info/inbox";
-    std::string filter =
-        subscription == Subscription::kReplies ? topic_ + "/+/inbox" : "/v1.0/" + id + "/#";
-    mosq_ = mosquitto_new(id.c_str(), true, this);
-    if (mosq_ == nullptr) throw std::runtime_error("mosquitto_new failed");
-    // As the library sets it on its instances.
-    mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_connect_callback_set(mosq_, [](mosquitto*, void* self, int rc) {
-      if (rc == 0) static_cast<RawPusher*>(self)->ready_.Add();
-    });
-    mosquitto_subscribe_callback_set(mosq_, [](mosquitto*, void* self, int, int, const int*) {
-      static_cast<RawPusher*>(self)->ready_.Add();
-    });
-    mosquitto_publish_callback_set(
-        mosq_, [](mosquitto*, void* self, int) { static_cast<RawPusher*>(self)->completed.Add(); });
-    mosquitto_message_callback_set(mosq_, [](mosquitto*, void* self, const mosquitto_message* m) {
-      auto* pusher = static_cast<RawPusher*>(self);
-      if (!std::string_view(m->topic).starts_with(pusher->topic_ + "/")) return;  // the echo
-      if (pusher->info_ != m->topic) pusher->refused.Add();
-      pusher->answered.Add();
-    });
-    if (mosquitto_tls_set(mosq_, env.CaFile().c_str(), nullptr, (folder + "/cert.crt").c_str(),
-                          (folder + "/priv_key.key").c_str(), nullptr) != MOSQ_ERR_SUCCESS ||
-        mosquitto_connect(mosq_, env.Host().c_str(), env.MainPort(), 30) != MOSQ_ERR_SUCCESS ||
-        mosquitto_loop_start(mosq_) != MOSQ_ERR_SUCCESS || !ready_.WaitFor(1) ||
-        mosquitto_subscribe(mosq_, nullptr, filter.c_str(), 2) != MOSQ_ERR_SUCCESS ||
-        !ready_.WaitFor(2)) {
-      Close();
-      throw std::runtime_error("the bare client " + id + " did not connect and subscribe");
-    }
-  }
-  ~RawPusher() override { Close(); }
+      : name_(subscription == Subscription::kReplies ? "raw, replies only" : "raw, tree/#"),
+        batch_(DefineSensor(env, id)),
+        topic_(PushTopic(id, batch_.sensorId)),
+        info_(topic_ + "/info/inbox"),
+        client_(env, id,
+                subscription == Subscription::kReplies ? topic_ + "/+/inbox" : "/v1.0/" + id + "/#",
+                {this, Answered, [](void* self) { static_cast<RawPusher*>(self)->completed.Add(); }}) {}
 
   const char* Name() const override { return name_; }
   bool Publish(long n) override {
     json_object* body = HandBody(batch_, n, NowMillis());
-    std::string topic = PushTopic(id_, batch_.sensorId);
     const char* text = json_object_to_json_string(body);
-    int rc = mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(std::strlen(text)),
-                               text, 2, false);
+    bool sent = client_.Publish(topic_, text, static_cast<int>(std::strlen(text)));
     json_object_put(body);
-    return rc == MOSQ_ERR_SUCCESS;
+    return sent;
   }
 
  private:
-  void Close() {
-    mosquitto_disconnect(mosq_);
-    mosquitto_loop_stop(mosq_, false);
-    mosquitto_destroy(mosq_);
+  static void Answered(void* self, const mosquitto_message* m) {
+    auto* pusher = static_cast<RawPusher*>(self);
+    if (!std::string_view(m->topic).starts_with(pusher->topic_ + "/")) return;  // the echo
+    if (pusher->info_ != m->topic) pusher->refused.Add();
+    pusher->answered.Add();
   }
 
-  std::string id_, topic_, info_;
   const char* name_;
   Batch batch_;
-  mosquitto* mosq_ = nullptr;
-  Counter ready_;
+  std::string topic_, info_;
+  bench::RawClient client_;  // last: its network thread uses the members above
 };
 
 struct Round {
