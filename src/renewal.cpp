@@ -111,10 +111,11 @@ DAXO_Error Install(DAXO_Client* client, int task, const char* content) noexcept 
 }
 
 void RestoreApplicationCallbacks(DAXO_Client* client) noexcept {
-  if (client->preserveUserDefinedOnConnectCallback != nullptr) {
+  // Keyed on the stand-in rather than on the saved value, which is null for
+  // an application without OnConnect.
+  if (client->OnConnect == CertificateRenewOnConnectCallback)
     DAXO_ConnectCallbackSet(client, client->preserveUserDefinedOnConnectCallback);
-    client->preserveUserDefinedOnConnectCallback = nullptr;
-  }
+  client->preserveUserDefinedOnConnectCallback = nullptr;
   if (client->renewalMutedOnDisconnect) {
     DAXO_DisconnectCallbackSet(client, client->preserveUserDefinedOnDisconnectCallback);
     client->preserveUserDefinedOnDisconnectCallback = nullptr;

@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+
 #include "client_fixture.h"
 #include "fake_time.h"
 #include "test_certificates.h"
@@ -82,6 +87,44 @@ TEST_F(RenewalTest, AnExpiringClientCertificateAsksForANewOneOnce) {
   EXPECT_EQ(fake.publishes[0].topic, "/v1.0/client-1/renewCertificate");
   EXPECT_EQ(testcert::RequestSubject(fake.publishes[0].payload), "O=QuellborneGmbH,CN=IOT-Client");
   EXPECT_EQ(fake.publishes[1].payload, fake.publishes[0].payload) << "no second key";
+}
+
+// The reconnection runs on the watch thread; a connection that cannot even
+// start ends it there at once, with its outcome reported.
+TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHad) {
+  static std::promise<DAXO_Error>* outcome;
+  const struct {
+    const char* answer;
+    bool applicationOnConnect;
+  } cases[] = {
+      {R"(,"validity":"new one available","newCa":"new authority")", false},
+      {"", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer);
+    FakeMqtt& fake = Connected();
+    if (!c.applicationOnConnect) DAXO_ConnectCallbackSet(client, nullptr);
+    DAXO_OnConnect onConnect = client->OnConnect;
+    DAXO_OnDisconnect onDisconnect = client->OnDisconnect;
+    std::promise<DAXO_Error> reported;
+    outcome = &reported;
+    client->OnCertificateRenew = [](DAXO_Client*, void*, DAXO_Error err) {
+      if (err != DAXO_Error_Success) outcome->set_value(err);
+    };
+    FakeMqtt::OnCreate([](FakeMqtt& f) { f.connectResult = MOSQ_ERR_INVAL; });
+    bool authority = *c.answer != '\0';
+    fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
+                 Answer(authority ? "certificate authority" : "client certificate",
+                        "20000101T000000", c.answer));
+    if (!authority) fake.Deliver("/v1.0/client-1/renewCertificate/inbox", testcert::SelfSigned("x"));
+    std::future<DAXO_Error> result = reported.get_future();
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(result.get(), DAXO_Error_InvalidArguments);
+    EXPECT_EQ(client->OnConnect, onConnect);
+    EXPECT_EQ(client->OnDisconnect, onDisconnect);
+    EXPECT_EQ(client->preserveUserDefinedOnConnectCallback, nullptr);
+    FakeMqtt::OnCreate(nullptr);
+  }
 }
 
 }  // namespace
