@@ -184,6 +184,7 @@ TEST_F(AgentTest, MalformedBodiesAreAnsweredOnTheErrorTopicWithTheirCode) {
       {"/inventory", "[]", "/inventory/error/inbox", 5},
       {"/sensor/create", R"({"title":"boiler"})", "/sensor/error/inbox", 6},
       {"/sensor/create", R"({"name":7})", "/sensor/error/inbox", 7},
+      {"/sensor/create", R"({"name":null})", "/sensor/error/inbox", 7},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.topic) + " " + c.payload);

@@ -30,12 +30,19 @@ JsonPtr ParseObject(std::string_view payload, ApiFault& fault) {
   return value;
 }
 
+bool HasMember(json_object* object, const char* key) {
+  return json_object_object_get_ex(object, key, nullptr);
+}
+
+bool RequiredMember(json_object* object, const char* key, json_object*& member, ApiFault& fault) {
+  if (json_object_object_get_ex(object, key, &member)) return true;
+  fault = {kMissingParameter, std::string("missing parameter \"") + key + "\""};
+  return false;
+}
+
 std::optional<std::string> StringMember(json_object* object, const char* key, ApiFault& fault) {
   json_object* member = nullptr;
-  if (!json_object_object_get_ex(object, key, &member)) {
-    fault = {kMissingParameter, std::string("missing parameter \"") + key + "\""};
-    return std::nullopt;
-  }
+  if (!RequiredMember(object, key, member, fault)) return std::nullopt;
   if (!json_object_is_type(member, json_type_string)) {
     fault = {kParameterIsNotAString, std::string("parameter \"") + key + "\" is not a string"};
     return std::nullopt;
@@ -44,12 +51,16 @@ std::optional<std::string> StringMember(json_object* object, const char* key, Ap
                      static_cast<std::size_t>(json_object_get_string_len(member)));
 }
 
+bool OptionalStringMember(json_object* object, const char* key, std::optional<std::string>& out,
+                          ApiFault& fault) {
+  if (!HasMember(object, key)) return true;
+  out = StringMember(object, key, fault);
+  return out.has_value();
+}
+
 json_object* ArrayMember(json_object* object, const char* key, ApiFault& fault) {
   json_object* member = nullptr;
-  if (!json_object_object_get_ex(object, key, &member)) {
-    fault = {kMissingParameter, std::string("missing parameter \"") + key + "\""};
-    return nullptr;
-  }
+  if (!RequiredMember(object, key, member, fault)) return nullptr;
   if (!json_object_is_type(member, json_type_array)) {
     fault = {kParameterIsNotAnArray, std::string("parameter \"") + key + "\" is not an array"};
     return nullptr;
@@ -64,6 +75,10 @@ std::int64_t NowMillis() {
 
 json_object* NewJsonString(std::string_view text) {
   return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+void AddString(json_object* object, const char* key, std::string_view value) {
+  json_object_object_add(object, key, NewJsonString(value));
 }
 
 std::string PlainText(json_object* value) {

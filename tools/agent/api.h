@@ -51,8 +51,15 @@ std::string ErrorBody(const ApiFault& fault);
 // JSON object; trailing bytes after the value make it invalid.
 JsonPtr ParseObject(std::string_view payload, ApiFault& fault);
 
+bool HasMember(json_object* object, const char* key);
+// A required member of any type, owned by object; member is null for JSON null.
+bool RequiredMember(json_object* object, const char* key, json_object*& member, ApiFault& fault);
 // The text of a required string member.
 std::optional<std::string> StringMember(json_object* object, const char* key, ApiFault& fault);
+// Leaves out untouched when the member is absent; false, with fault set,
+// when it is present and not a string.
+bool OptionalStringMember(json_object* object, const char* key, std::optional<std::string>& out,
+                          ApiFault& fault);
 // A required array member, owned by object.
 json_object* ArrayMember(json_object* object, const char* key, ApiFault& fault);
 
@@ -62,6 +69,7 @@ std::int64_t NowMillis();
 
 // A JSON string that may hold NUL bytes; the caller owns it.
 json_object* NewJsonString(std::string_view text);
+void AddString(json_object* object, const char* key, std::string_view value);
 
 // The one-line text of a value, as every reply carries it.
 std::string PlainText(json_object* value);

@@ -31,10 +31,6 @@ X509Ptr ReadCertificate(std::string_view pem) {
   return cert;
 }
 
-void AddString(json_object* object, const char* key, const std::string& value) {
-  json_object_object_add(object, key, NewJsonString(value));
-}
-
 void CheckExpireDate(const CertificateAuthority& ca, const Message& message, Outbox& out) {
   X509Ptr cert = ReadCertificate(message.payload);
   if (cert == nullptr) {

@@ -23,10 +23,7 @@ constexpr ReportLevel kLevels[] = {
 
 std::optional<int> IntMember(json_object* object, const char* key, ApiFault& fault) {
   json_object* member = nullptr;
-  if (!json_object_object_get_ex(object, key, &member)) {
-    fault = {kMissingParameter, std::string("missing parameter \"") + key + "\""};
-    return std::nullopt;
-  }
+  if (!RequiredMember(object, key, member, fault)) return std::nullopt;
   std::int64_t value = json_object_get_int64(member);
   if (!json_object_is_type(member, json_type_int) || value < INT_MIN || value > INT_MAX) {
     fault = {kParameterIsNotAnInteger,

@@ -27,10 +27,6 @@ Metric* FindMetric(Sensor& sensor, const std::string& metricId) {
   return metric == sensor.metrics.end() ? nullptr : &*metric;
 }
 
-bool Has(json_object* object, const char* key) {
-  return json_object_object_get_ex(object, key, nullptr);
-}
-
 // Hands every entry of the body's "metrics" array to read, which returns
 // false with fault set; the fault then says which entry it was.
 template <class Read>
@@ -95,25 +91,18 @@ struct Change {
   std::optional<std::string> annotation;
 };
 
-bool ReadOptionalString(json_object* entry, const char* key, std::optional<std::string>& out,
-                        ApiFault& fault) {
-  if (!Has(entry, key)) return true;
-  out = StringMember(entry, key, fault);
-  return out.has_value();
-}
-
 bool ReadChange(json_object* entry, std::vector<Change>& changes, ApiFault& fault) {
   Change change;
   std::optional<std::string> id = StringMember(entry, "metricId", fault);
   if (!id) return false;
   change.metricId = *id;
   for (const char* fixed : {"valueUnit", "valueType"}) {
-    if (!Has(entry, fixed)) continue;
+    if (!HasMember(entry, fixed)) continue;
     fault = {kChangeMetricsFailed, std::string("a metric's \"") + fixed + "\" cannot change"};
     return false;
   }
-  if (!ReadOptionalString(entry, "name", change.name, fault) ||
-      !ReadOptionalString(entry, "valueAnnotation", change.annotation, fault))
+  if (!OptionalStringMember(entry, "name", change.name, fault) ||
+      !OptionalStringMember(entry, "valueAnnotation", change.annotation, fault))
     return false;
   if (!change.name && !change.annotation) {
     fault = {kMissingParameter, "missing parameter \"name\" or \"valueAnnotation\""};
@@ -264,10 +253,7 @@ Answer Push(Store& store, const Message& m) {
                 std::optional<std::string> id = StringMember(entry, "metricId", f);
                 if (!id) return false;
                 json_object* value = nullptr;  // stays null for JSON null, which fits no metric
-                if (!json_object_object_get_ex(entry, "value", &value)) {
-                  f = {kMissingParameter, "missing parameter \"value\""};
-                  return false;
-                }
+                if (!RequiredMember(entry, "value", value, f)) return false;
                 values.push_back({*id, value});
                 return true;
               });

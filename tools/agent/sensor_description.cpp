@@ -45,22 +45,13 @@ bool Contains(const std::string_view (&words)[N], std::string_view word) {
   return std::find(std::begin(words), std::end(words), word) != std::end(words);
 }
 
-bool HasMember(json_object* object, const char* key) {
-  return json_object_object_get_ex(object, key, nullptr);
-}
-
-void AddString(json_object* object, const char* key, std::string_view value) {
-  json_object_object_add(object, key, NewJsonString(value));
-}
-
 // Leaves out absent; false, with error set, when the member is not a string.
 bool ReadOptionalString(json_object* object, const char* key, std::optional<std::string>& out,
                         std::string& error) {
-  if (!HasMember(object, key)) return true;
   ApiFault fault;
-  out = StringMember(object, key, fault);
-  if (!out) error = fault.message;
-  return out.has_value();
+  if (OptionalStringMember(object, key, out, fault)) return true;
+  error = fault.message;
+  return false;
 }
 
 bool ReadFrequency(json_object* definition, Sensor& sensor, std::string& error) {

@@ -10,10 +10,6 @@
 namespace daxo_agent {
 namespace {
 
-void AddString(json_object* object, const char* key, const std::string& value) {
-  json_object_object_add(object, key, NewJsonString(value));
-}
-
 // Short enough to type in a control command, long enough never to repeat
 // among one client's sensors in practice; callers still check.
 std::string RandomId(const char* prefix) {
