@@ -6,20 +6,10 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "sensors.h"
+
 namespace daxo_agent {
 namespace {
-
-// levels: "", "v1.0", client id, "sensor", sensor id, then the request's own.
-const std::string& ClientOf(const Message& m) { return m.levels.at(2); }
-const std::string& SensorOf(const Message& m) { return m.levels.at(4); }
-
-ApiFault UnknownSensor(const Message& m) {
-  return {kUnknownSensorId, "unknown sensor \"" + SensorOf(m) + "\""};
-}
-
-ApiFault UnknownMetric(const Message& m, const std::string& metricId) {
-  return {kUnknownMetricId, "sensor \"" + SensorOf(m) + "\" has no metric \"" + metricId + "\""};
-}
 
 Metric* FindMetric(Sensor& sensor, const std::string& metricId) {
   auto metric = std::find_if(sensor.metrics.begin(), sensor.metrics.end(),

@@ -1,16 +1,21 @@
 #include "sensors.h"
 
 namespace daxo_agent {
-namespace {
 
-// levels: "", "v1.0", client id, then the request's own levels.
 const std::string& ClientOf(const Message& m) { return m.levels.at(2); }
 const std::string& SensorOf(const Message& m) { return m.levels.at(4); }
-const std::string& MetricOf(const Message& m) { return m.levels.at(6); }
 
 ApiFault UnknownSensor(const Message& m) {
   return {kUnknownSensorId, "unknown sensor \"" + SensorOf(m) + "\""};
 }
+
+ApiFault UnknownMetric(const Message& m, const std::string& metricId) {
+  return {kUnknownMetricId, "sensor \"" + SensorOf(m) + "\" has no metric \"" + metricId + "\""};
+}
+
+namespace {
+
+const std::string& MetricOf(const Message& m) { return m.levels.at(6); }
 
 // Requests without parameters carry "{}"; a payload that is no JSON object
 // comes from a broken client, which should learn so.
@@ -68,8 +73,7 @@ Answer DescribeMetricRequest(Store& store, const Message& m) {
   if (!sensor) return UnknownSensor(m);
   for (const Metric& metric : sensor->metrics)
     if (metric.id == MetricOf(m)) return PlainText(DescribeMetric(metric).get());
-  return ApiFault{kUnknownMetricId,
-                  "sensor \"" + SensorOf(m) + "\" has no metric \"" + MetricOf(m) + "\""};
+  return UnknownMetric(m, MetricOf(m));
 }
 
 // Replies hang below the request's topic, except that a created sensor is

@@ -12,6 +12,13 @@ namespace daxo_agent {
 
 std::vector<Route> SensorRoutes(Store& store);
 
+// The levels of a request below a client's tree, shared with the metric
+// requests: "", "v1.0", client id, "sensor", sensor id, "metric", metric id.
+const std::string& ClientOf(const Message& m);
+const std::string& SensorOf(const Message& m);
+ApiFault UnknownSensor(const Message& m);
+ApiFault UnknownMetric(const Message& m, const std::string& metricId);
+
 }  // namespace daxo_agent
 
 #endif
