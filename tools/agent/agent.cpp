@@ -1,5 +1,6 @@
 #include "agent.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -28,6 +29,12 @@ void Require(int rc, const char* what) {
 }
 
 }  // namespace
+
+bool UsableTopicLevel(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](unsigned char c) {
+    return c < 0x20 || c == 0x7f || c == '/' || c == '+' || c == '#';
+  });
+}
 
 Agent::Agent(const BrokerSettings& broker, std::vector<Route> routes)
     : broker_(broker), routes_(std::move(routes)), mosq_(mosquitto_new("daxo-agent", true, this)) {

@@ -22,6 +22,10 @@ struct Message {
   std::string payload;
 };
 
+// Whether text can be one level of a topic the agent addresses: wildcards,
+// separators and control characters would address other topics or none.
+bool UsableTopicLevel(std::string_view text);
+
 // The body of a success reply, or what the error reply says.
 using Answer = std::variant<std::string, ApiFault>;
 

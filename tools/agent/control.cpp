@@ -30,13 +30,9 @@ std::string_view NextWord(std::string_view& rest) {
 
 bool Blank(std::string_view text) { return text.find_first_not_of(kBlanks) == text.npos; }
 
-// Ids become topic levels: wildcards, separators and control characters
-// would address other topics or none.
 std::string TopicLevel(std::string_view word, const char* what) {
-  bool usable = !word.empty() && std::none_of(word.begin(), word.end(), [](unsigned char c) {
-    return c < 0x20 || c == 0x7f || c == '/' || c == '+' || c == '#';
-  });
-  if (!usable) throw UsageError(std::string("missing or unusable ") + what);
+  if (word.empty() || !UsableTopicLevel(word))
+    throw UsageError(std::string("missing or unusable ") + what);
   return std::string(word);
 }
 

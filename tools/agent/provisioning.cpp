@@ -4,7 +4,6 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <stdexcept>
@@ -42,13 +41,9 @@ std::string Sha256Hex(std::string_view data) {
   return HexBytes(digest, size);
 }
 
-// The name becomes an MQTT topic level and the broker's user name, which
-// wildcards, separators and control characters would break.
+// The name becomes a topic level and the broker's user name.
 bool UsableClientName(const std::string& name) {
-  auto bad = [](unsigned char c) {
-    return c < 0x20 || c == 0x7f || c == '/' || c == '+' || c == '#';
-  };
-  return name.size() <= kMaxRequestedName && std::none_of(name.begin(), name.end(), bad);
+  return name.size() <= kMaxRequestedName && UsableTopicLevel(name);
 }
 
 std::optional<SigningRequest> ReadSigningRequest(std::string_view pem, ApiFault& fault) {
