@@ -232,5 +232,28 @@ TEST_F(AgentTest, TheAuthorityNamesItsSuccessorOnceOneIsOffered) {
   EXPECT_EQ(check(successor, "valid"), "");
 }
 
+TEST_F(AgentTest, ControlCommandsRefuseUnusableWords) {
+  struct Case {
+    const char* command;
+    const char* ok;
+  } cases[] = {
+      {"cert-days 30", "true"},
+      {"cert-days 36500", "true"},
+      {"cert-days 0", "false"},
+      {"cert-days 36501", "false"},
+      {"cert-days 3x", "false"},
+      {"cert-days", "false"},
+      {"cert-days 30 31", "false"},
+      {"job-delete a+b s-1", "false"},
+      {R"(job-create kitchen/1 {"name":"x","metrics":[]})", "false"},
+      {"frobnicate", "false"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    std::string answer = env_.AgentControl(c.command);
+    EXPECT_EQ(Member(answer, "ok"), c.ok) << answer;
+  }
+}
+
 }  // namespace
 }  // namespace daxo_test

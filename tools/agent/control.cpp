@@ -1,10 +1,10 @@
 #include "control.h"
 
 #include <algorithm>
-#include <charconv>
 #include <stdexcept>
 
 #include "log.h"
+#include "options.h"
 
 namespace daxo_agent {
 namespace {
@@ -137,11 +137,8 @@ JsonPtr Control::OfferNewCa(std::string_view arguments) {
 }
 
 JsonPtr Control::CertDays(std::string_view arguments) {
-  std::string_view word = NextWord(arguments);
   int days = 0;
-  auto [end, ec] = std::from_chars(word.data(), word.data() + word.size(), days);
-  if (word.empty() || ec != std::errc() || end != word.data() + word.size() || days < 1 ||
-      days > kMaxCertDays || !Blank(arguments))
+  if (!ParseNumber(NextWord(arguments), 1, kMaxCertDays, days) || !Blank(arguments))
     throw UsageError("N must be a number of days from 1 to " + std::to_string(kMaxCertDays));
   terms_.provisioningDays = days;
   return WithAuthority(Ok());

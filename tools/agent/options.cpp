@@ -4,9 +4,8 @@
 #include <string_view>
 
 namespace daxo_agent {
-namespace {
 
-bool ParseNumber(const std::string& text, int min, int max, int& out) {
+bool ParseNumber(std::string_view text, int min, int max, int& out) {
   int value = 0;
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (ec != std::errc() || end != text.data() + text.size() || value < min || value > max)
@@ -14,6 +13,8 @@ bool ParseNumber(const std::string& text, int min, int max, int& out) {
   out = value;
   return true;
 }
+
+namespace {
 
 struct OptionSetter {
   std::string_view name;

@@ -3,6 +3,7 @@
 #define DAXO_AGENT_OPTIONS_H
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent.h"
@@ -32,6 +33,9 @@ enum class ParseResult { kRun, kControl, kHelp, kError };
 ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& error);
 
 const char* Usage();
+
+// A whole decimal number from min to max, the whole of text.
+bool ParseNumber(std::string_view text, int min, int max, int& out);
 
 }  // namespace daxo_agent
 
