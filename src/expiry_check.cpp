@@ -30,10 +30,10 @@ void CallOnCertificateRenewCallback(DAXO_Client* client, DAXO_Error err) noexcep
 }
 
 DAXO_Error SendCertificateContentToCheckExpireDate(DAXO_Client* client, char* fileName) noexcept {
-  daxo::CStr content(GetFileContent(fileName));
-  if (!content) return DAXO_Error_WrongCertificateFile;
   // Nothing can be sent for a client that does not know its identifier.
   if (client->clientId == nullptr) return DAXO_Error_WrongCertificateFile;
+  daxo::CStr content(GetFileContent(fileName));
+  if (!content) return DAXO_Error_WrongCertificateFile;
   daxo::CStr topic = daxo::Format("/%s/%s/checkExpireDate", daxo::kApiVersion, client->clientId);
   if (!topic) return DAXO_Error_NoMemory;
   return SendMessageToAgent(client, topic.get(), content.get(),
