@@ -365,6 +365,10 @@ DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* to
 std::unique_ptr<json_object, CFree<json_object_put>> NewObject(DAXO_Error* err) noexcept;
 DAXO_Error AddMember(json_object* parent, const char* key, json_object* value) noexcept;
 
+// {"metrics": []}, the body of the metric requests; *metrics is its array,
+// owned by the body.
+JsonPtr MetricsBody(json_object** metrics, DAXO_Error* err) noexcept;
+
 // The text of a body, owned by the body; null (and *err) when it cannot be
 // rendered whole.
 const char* Render(const json_object* body, DAXO_Error* err) noexcept;

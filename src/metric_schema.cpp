@@ -12,10 +12,9 @@ using daxo::JsonPtr;
 
 using Member = std::pair<const char*, const char*>;  // name, text (null: left out)
 
-// Appends an entry with the given string members, in order; the container
+// Appends an entry with the given string members, in order; the array
 // changes only once the whole entry is built.
-DAXO_Error AddEntry(DAXO_MetricSchemaContainer* container,
-                    std::initializer_list<Member> members) noexcept {
+DAXO_Error AddEntry(json_object* array, std::initializer_list<Member> members) noexcept {
   DAXO_Error err;
   JsonPtr entry = daxo::NewObject(&err);
   if (!entry) return err;
@@ -24,8 +23,7 @@ DAXO_Error AddEntry(DAXO_MetricSchemaContainer* container,
     err = daxo::AddMember(entry.get(), m.first, json_object_new_string(m.second));
     if (err != DAXO_Error_Success) return err;
   }
-  if (json_object_array_add(container->metricsArray, entry.get()) != 0)
-    return DAXO_Error_ComposeJson;
+  if (json_object_array_add(array, entry.get()) != 0) return DAXO_Error_ComposeJson;
   entry.release();
   return DAXO_Error_Success;
 }
@@ -40,16 +38,13 @@ bool Usable(const DAXO_MetricSchemaContainer* container) noexcept {
 extern "C" {
 
 DAXO_MetricSchemaContainer* DAXO_CreateMetricSchemaContainer(void) noexcept {
+  DAXO_Error err;
+  json_object* array;
+  JsonPtr body = daxo::MetricsBody(&array, &err);
+  if (!body) return nullptr;
   auto* container =
       static_cast<DAXO_MetricSchemaContainer*>(calloc(1, sizeof(DAXO_MetricSchemaContainer)));
   if (container == nullptr) return nullptr;
-  DAXO_Error err;
-  JsonPtr body = daxo::NewObject(&err);
-  json_object* array = body ? json_object_new_array() : nullptr;
-  if (!body || daxo::AddMember(body.get(), "metrics", array) != DAXO_Error_Success) {
-    free(container);
-    return nullptr;
-  }
   container->metricsArray = array;
   container->mainJson = body.release();
   return container;
@@ -68,7 +63,8 @@ DAXO_Error DAXO_AddStandardMetricSchema(DAXO_MetricSchemaContainer* container,
   const char* unit = value_unit != DAXO_ValueUnit_NoUnit ? GetValueUnitStr(value_unit) : nullptr;
   if (!Usable(container) || matchingId == nullptr || name == nullptr || unit == nullptr)
     return DAXO_Error_InvalidArguments;
-  return AddEntry(container, {{"valueUnit", unit}, {"matchingId", matchingId}, {"name", name}});
+  return AddEntry(container->metricsArray,
+                  {{"valueUnit", unit}, {"matchingId", matchingId}, {"name", name}});
 }
 
 DAXO_Error DAXO_AddCustomMetricSchema(DAXO_MetricSchemaContainer* container,
@@ -79,17 +75,17 @@ DAXO_Error DAXO_AddCustomMetricSchema(DAXO_MetricSchemaContainer* container,
   if (!Usable(container) || matchingId == nullptr || name == nullptr ||
       valueAnnotation == nullptr || type == nullptr)
     return DAXO_Error_InvalidArguments;
-  return AddEntry(container, {{"valueType", type},
-                              {"valueAnnotation", valueAnnotation},
-                              {"matchingId", matchingId},
-                              {"name", name}});
+  return AddEntry(container->metricsArray, {{"valueType", type},
+                                            {"valueAnnotation", valueAnnotation},
+                                            {"matchingId", matchingId},
+                                            {"name", name}});
 }
 
 DAXO_Error DAXO_AddMetricUpdateSchema(DAXO_MetricSchemaContainer* container, const char* metricId,
                                       const char* name, const char* valueAnnotation) noexcept {
   if (!Usable(container) || metricId == nullptr || (name == nullptr && valueAnnotation == nullptr))
     return DAXO_Error_InvalidArguments;
-  return AddEntry(container,
+  return AddEntry(container->metricsArray,
                   {{"metricId", metricId}, {"name", name}, {"valueAnnotation", valueAnnotation}});
 }
 
@@ -106,18 +102,11 @@ DAXO_Error SendMetricSchemas(DAXO_Client* client, const char* sensorId,
 DAXO_Error DeleteMetrics(DAXO_Client* client, const char* sensorId, char** metricIds,
                          int metricsCount) noexcept {
   DAXO_Error err;
-  JsonPtr body = NewObject(&err);
+  json_object* array;
+  JsonPtr body = MetricsBody(&array, &err);
   if (!body) return err;
-  json_object* array = json_object_new_array();
-  if (AddMember(body.get(), "metrics", array) != DAXO_Error_Success) return DAXO_Error_NoMemory;
   for (int i = 0; i < metricsCount; ++i) {
-    JsonPtr element = NewObject(&err);
-    if (!element) return err;
-    if (AddMember(element.get(), "metricId", json_object_new_string(metricIds[i])) !=
-        DAXO_Error_Success)
-      return DAXO_Error_NoMemory;
-    if (json_object_array_add(array, element.get()) != 0) return DAXO_Error_ComposeJson;
-    element.release();
+    if ((err = AddEntry(array, {{"metricId", metricIds[i]}})) != DAXO_Error_Success) return err;
   }
   return Request(client, body.get(), "sensor/%s/metric/delete", sensorId);
 }

@@ -56,10 +56,10 @@ DAXO_Error AppendElement(json_object* array, const MetricValue& v) noexcept {
   DAXO_Error err;
   JsonPtr element = daxo::NewObject(&err);
   if (!element) return err;
-  if (daxo::AddMember(element.get(), "metricId", json_object_new_string(v.metricId)) !=
+  if ((err = daxo::AddMember(element.get(), "metricId", json_object_new_string(v.metricId))) !=
           DAXO_Error_Success ||
-      daxo::AddMember(element.get(), "value", JsonValue(v)) != DAXO_Error_Success)
-    return DAXO_Error_ComposeJson;
+      (err = daxo::AddMember(element.get(), "value", JsonValue(v))) != DAXO_Error_Success)
+    return err;
   if (json_object_array_add(array, element.get()) != 0) return DAXO_Error_ComposeJson;
   element.release();
   return DAXO_Error_Success;
@@ -136,20 +136,19 @@ namespace daxo {
 DAXO_Error PushMetricValues(DAXO_Client* client, const char* sensorId,
                             const DAXO_MetricValueContainer* container) noexcept {
   DAXO_Error err;
-  JsonPtr body = NewObject(&err);
+  json_object* array;
+  JsonPtr body = MetricsBody(&array, &err);
   if (!body) return err;
-  json_object* array = json_object_new_array();
-  if ((err = AddMember(body.get(), "metrics", array)) != DAXO_Error_Success) return err;
   for (int i = 0; i < container->metricsCount; ++i) {
     const MetricValue& v = container->metrics[i];
     if (!KnownType(v.type)) return DAXO_Error_InvalidArguments;
     if ((err = AppendElement(array, v)) != DAXO_Error_Success) return err;
   }
   if (container->customTimestampIsSet &&
-      AddMember(body.get(), "timestamp",
-                json_object_new_int64(static_cast<int64_t>(container->timestamp))) !=
+      (err = AddMember(body.get(), "timestamp",
+                       json_object_new_int64(static_cast<int64_t>(container->timestamp)))) !=
           DAXO_Error_Success)
-    return DAXO_Error_ComposeJson;
+    return err;
   return Request(client, body.get(), "sensor/%s", sensorId);
 }
 

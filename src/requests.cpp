@@ -39,6 +39,15 @@ DAXO_Error AddMember(json_object* parent, const char* key, json_object* value) n
   return DAXO_Error_Success;
 }
 
+JsonPtr MetricsBody(json_object** metrics, DAXO_Error* err) noexcept {
+  JsonPtr body = NewObject(err);
+  if (!body) return body;
+  json_object* array = json_object_new_array();
+  if ((*err = AddMember(body.get(), "metrics", array)) != DAXO_Error_Success) return nullptr;
+  *metrics = array;
+  return body;
+}
+
 const char* Render(const json_object* body, DAXO_Error* err) noexcept {
   // json-c drops what it cannot append when memory runs out and still
   // returns the text; the realloc that failed leaves ENOMEM behind.
