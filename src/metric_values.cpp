@@ -65,10 +65,6 @@ DAXO_Error AppendElement(json_object* array, const MetricValue& v) noexcept {
   return DAXO_Error_Success;
 }
 
-bool KnownType(DAXO_ValueType type) noexcept {
-  return type >= DAXO_ValueType_Integer && type <= DAXO_ValueType_String;
-}
-
 }  // namespace
 
 extern "C" {
@@ -140,9 +136,7 @@ DAXO_Error PushMetricValues(DAXO_Client* client, const char* sensorId,
   JsonPtr body = MetricsBody(&array, &err);
   if (!body) return err;
   for (int i = 0; i < container->metricsCount; ++i) {
-    const MetricValue& v = container->metrics[i];
-    if (!KnownType(v.type)) return DAXO_Error_InvalidArguments;
-    if ((err = AppendElement(array, v)) != DAXO_Error_Success) return err;
+    if ((err = AppendElement(array, container->metrics[i])) != DAXO_Error_Success) return err;
   }
   if (container->customTimestampIsSet &&
       (err = AddMember(body.get(), "timestamp",
