@@ -80,6 +80,16 @@ const char* MemberText(json_object* obj, const char* key) noexcept {
   return Member(obj, key, &value) ? json_object_get_string(value) : nullptr;
 }
 
+// Copies both texts or neither; a null text is a failure.
+bool CopyPair(const char* first, const char* second, char** firstSlot, char** secondSlot) noexcept {
+  daxo::CStr firstCopy(daxo::Dup(first));
+  daxo::CStr secondCopy(daxo::Dup(second));
+  if (!firstCopy || !secondCopy) return false;
+  *firstSlot = firstCopy.release();
+  *secondSlot = secondCopy.release();
+  return true;
+}
+
 bool CopyMember(json_object* obj, const char* key, char** slot) noexcept {
   *slot = daxo::Dup(MemberText(obj, key));
   return *slot != nullptr;
@@ -175,13 +185,8 @@ bool FillMetricMetadata(json_object* obj, DAXO_MetricMetadata* metric) noexcept 
 
 extern "C" int InitializePluginParameter(DAXO_PluginParameter* pluginParameter, const char* name,
                                          const char* value) noexcept {
-  if (pluginParameter == nullptr || name == nullptr || value == nullptr) return 0;
-  daxo::CStr nameCopy(daxo::Dup(name));
-  daxo::CStr valueCopy(daxo::Dup(value));
-  if (!nameCopy || !valueCopy) return 0;
-  pluginParameter->parameterName = nameCopy.release();
-  pluginParameter->parameterValue = valueCopy.release();
-  return 1;
+  if (pluginParameter == nullptr) return 0;
+  return CopyPair(name, value, &pluginParameter->parameterName, &pluginParameter->parameterValue);
 }
 
 extern "C" int CreateMetricInfo(json_object* objMetric, DAXO_MetricInfo* metric) noexcept {
@@ -219,15 +224,7 @@ extern "C" int ParseSensorId(const char* message, char** name, char** sensorId) 
   if (name == nullptr || sensorId == nullptr) return 0;
   daxo::JsonPtr doc = daxo::ParseJson(message);
   if (!doc) return 0;
-  const char* nameText = MemberText(doc.get(), "name");
-  const char* idText = MemberText(doc.get(), "sensorId");
-  if (nameText == nullptr || idText == nullptr) return 0;
-  daxo::CStr nameCopy(daxo::Dup(nameText));
-  daxo::CStr idCopy(daxo::Dup(idText));
-  if (!nameCopy || !idCopy) return 0;
-  *name = nameCopy.release();
-  *sensorId = idCopy.release();
-  return 1;
+  return CopyPair(MemberText(doc.get(), "name"), MemberText(doc.get(), "sensorId"), name, sensorId);
 }
 
 extern "C" void DestroyPluginParameter(DAXO_PluginParameter* pluginParameter) noexcept {
@@ -268,15 +265,8 @@ extern "C" void DAXO_DestroySensorsInfo(DAXO_SensorsInfo* sensorsInfo) noexcept 
 
 extern "C" int FillCreatedMetric(json_object* objMetric, DAXO_CreatedMetric* metric) noexcept {
   if (metric == nullptr) return 0;
-  const char* metricId = MemberText(objMetric, "metricId");
-  const char* matchingId = MemberText(objMetric, "matchingId");
-  if (metricId == nullptr || matchingId == nullptr) return 0;
-  daxo::CStr idCopy(daxo::Dup(metricId));
-  daxo::CStr matchingCopy(daxo::Dup(matchingId));
-  if (!idCopy || !matchingCopy) return 0;
-  metric->metricId = idCopy.release();
-  metric->matchingId = matchingCopy.release();
-  return 1;
+  return CopyPair(MemberText(objMetric, "metricId"), MemberText(objMetric, "matchingId"),
+                  &metric->metricId, &metric->matchingId);
 }
 
 extern "C" DAXO_CreatedMetrics* CreateCreatedMetrics(const char* message,
