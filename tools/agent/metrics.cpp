@@ -286,7 +286,7 @@ constexpr MetricRequest kRequests[] = {
 
 }  // namespace
 
-PushLog::PushLog(const std::string& path) : file_(std::fopen(path.c_str(), "a"), std::fclose) {
+PushLog::PushLog(const std::string& path) : file_(std::fopen(path.c_str(), "a")) {
   if (file_ == nullptr) throw std::runtime_error("cannot open the push log " + path);
 }
 

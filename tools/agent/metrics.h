@@ -19,12 +19,11 @@
 #ifndef DAXO_AGENT_METRICS_H
 #define DAXO_AGENT_METRICS_H
 
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "agent.h"
+#include "openssl_handles.h"
 #include "store.h"
 
 namespace daxo_agent {
@@ -39,7 +38,7 @@ class PushLog {
   void Record(const Message& push);
 
  private:
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
+  FilePtr file_;
 };
 
 // Must follow the sensor routes: the push filter, /v1.0/+/sensor/+, would

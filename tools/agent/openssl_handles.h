@@ -10,6 +10,7 @@ using daxo::BioPtr;
 using daxo::BignumPtr;
 using daxo::CFree;
 using daxo::EvpPkeyPtr;
+using daxo::FilePtr;
 using daxo::JsonPtr;
 using daxo::MosquittoPtr;
 using daxo::X509ExtensionPtr;
