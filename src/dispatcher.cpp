@@ -222,7 +222,7 @@ extern "C" DAXO_Error ProcessSensorCommands(DAXO_Client* client, char** topics,
                                             const char* topic) noexcept {
   const Message m{client, topics, topicCount, message, topic};
   const char* level4 = m.Level(TopicIndexSensorId);
-  if (m.count < 5 || level4 == nullptr) return DAXO_Error_Success;
+  if (level4 == nullptr) return DAXO_Error_Success;
   if (m.LevelIs(TopicIndexSensorJob, "job")) {
     if (m.count == 6 && m.LevelIs(TopicIndexSensorJobCreate, "create")) SensorJobCreate(m);
   } else if (m.count == 5) {
@@ -232,7 +232,7 @@ extern "C" DAXO_Error ProcessSensorCommands(DAXO_Client* client, char** topics,
       ErrorReply(m, client->OnCreateSensor, [&](DAXO_OnCreateSensor cb, DAXO_ApiError code) {
         cb(client, m.Parameter(), nullptr, nullptr, code);
       });
-  } else if (m.Level(TopicIndexSensorIdJob) != nullptr) {
+  } else {
     ProcessSensorId(m, level4);
   }
   return DAXO_Error_Success;
