@@ -57,8 +57,13 @@ TEST_F(FakeClientTest, DispatcherRoutesEveryReplyAndCommand) {
     EXPECT_EQ(logs.at(0), "DispatchResponse: " + topic + "\n" + r.payload);
     EXPECT_EQ(logs.size(), r.payload == kNoCode ? 2u : 1u) << "a line for an unparsable error";
   }
-  for (const char* topic : {"/v1.0/client-2/ping/info/inbox", "/v1.0/Client-1/ping/info/inbox"})
-    fake.Deliver(topic, "{}");
+  // Another client, another version, or an empty identifier level.
+  for (const char* topic :
+       {"/v1.0/client-2/ping/info/inbox", "/v1.0/Client-1/ping/info/inbox",
+        "/v1.1/client-1/ping/info/inbox", "/v1.0/client-1/sensor//update/info/inbox",
+        "/v1.0/client-1/sensor//job/delete",
+        "/v1.0/client-1/sensor/s1/metric//inventory/error/inbox"})
+    fake.Deliver(topic, R"({"errorcode":1})");
   EXPECT_TRUE(calls.empty()) << calls[0].name;
 }
 
