@@ -153,10 +153,9 @@ std::optional<std::string> Tokenise(int argc, char** argv, Options& options,
     if (name == "config") {
       options.config = *value;
     } else if (name == "timeout") {
-      char* end = nullptr;
-      options.timeout = std::strtod(value->c_str(), &end);
-      if (value->empty() || *end != '\0' || !(options.timeout > 0) || options.timeout > 86400)
-        return "--timeout needs a number of seconds above 0";
+      std::optional<double> seconds = ParseSeconds(*value);
+      if (!seconds) return "--timeout needs a number of seconds above 0, at most 86400";
+      options.timeout = *seconds;
     } else {
       options.named[name] = *value;
     }
@@ -225,6 +224,13 @@ std::optional<long long> ParseInteger(const std::string& text) {
   errno = 0;
   long long value = std::strtoll(text.c_str(), &end, 10);
   if (*end != '\0' || errno != 0) return std::nullopt;
+  return value;
+}
+
+std::optional<double> ParseSeconds(const std::string& text) {
+  char* end = nullptr;
+  double value = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !(value > 0) || value > 86400) return std::nullopt;
   return value;
 }
 

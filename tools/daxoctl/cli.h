@@ -59,6 +59,8 @@ class Printer {
 
 // Parses a whole decimal number; nullopt when text is not one.
 std::optional<long long> ParseInteger(const std::string& text);
+// Parses a number of seconds above 0 and at most a day; nullopt otherwise.
+std::optional<double> ParseSeconds(const std::string& text);
 
 }  // namespace daxoctl
 

@@ -1,7 +1,6 @@
 // listen: what arrives from the agent unasked, and replies, as it comes.
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 
 #include "commands.h"
@@ -53,11 +52,9 @@ int Listen(const Options& options) {
   Printer out(options);
   std::optional<double> seconds;
   if (std::optional<std::string> text = options.Named("for")) {
-    char* end = nullptr;
-    double value = std::strtod(text->c_str(), &end);
-    if (text->empty() || *end != '\0' || !(value > 0))
-      return out.Failure(kUsage, "--for needs a number of seconds above 0");
-    seconds = value;
+    seconds = ParseSeconds(*text);
+    if (!seconds)
+      return out.Failure(kUsage, "--for needs a number of seconds above 0, at most 86400");
   }
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
