@@ -4,7 +4,6 @@
 
 #include "commands.h"
 #include "session.h"
-#include "vocabulary.h"
 
 namespace daxoctl {
 
@@ -17,10 +16,8 @@ int Provision(const Options& options) {
     if (std::optional<int> exit = session.Sent("provisioning", started)) return *exit;
     std::optional<Event> outcome = session.Wait("provision");
     if (!outcome) return session.Out().Failure(kTimeout, "no certificate from the agent in time");
-    auto err = static_cast<DAXO_Error>(outcome->code);
-    if (err != DAXO_Error_Success)
-      return session.Out().Failure(kFailed, "provisioning failed: " + Describe(err),
-                                   DAXO_ErrorName(err), err);
+    if (auto exit = session.Sent("provisioning", static_cast<DAXO_Error>(outcome->code)))
+      return *exit;
   }
   std::string id = session.ClientId();
   session.Out().Result(session.Success().Add("clientId", id).AddBool("alreadyProvisioned", already),

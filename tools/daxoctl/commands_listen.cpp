@@ -38,8 +38,7 @@ void Print(const Session& session, const Event& event) {
   }
   std::vector<JsonObject> sensors;
   for (const Sensor& sensor : event.sensors) {
-    sensors.push_back(JsonObject().Add("id", sensor.id).Add("name", sensor.name).Add("metrics",
-                                                                                     sensor.metrics));
+    sensors.push_back(SensorJson(sensor));
     text += " sensor " + sensor.id + " \"" + sensor.name + "\"";
   }
   if (!sensors.empty()) json.Add("sensors", sensors);

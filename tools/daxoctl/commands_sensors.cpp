@@ -10,8 +10,7 @@ int SensorsList(const Options& options) {
   std::vector<JsonObject> sensors;
   std::string text;
   for (const Sensor& sensor : reply->sensors) {
-    sensors.push_back(JsonObject().Add("id", sensor.id).Add("name", sensor.name).Add("metrics",
-                                                                                     sensor.metrics));
+    sensors.push_back(SensorJson(sensor));
     text += (text.empty() ? "" : "\n") + sensor.id + "\t" + sensor.name;
     for (const std::string& metric : sensor.metrics) text += "\t" + metric;
   }

@@ -110,6 +110,10 @@ void SetCallbacks(DAXO_Client* client) {
 
 }  // namespace
 
+JsonObject SensorJson(const Sensor& sensor) {
+  return JsonObject().Add("id", sensor.id).Add("name", sensor.name).Add("metrics", sensor.metrics);
+}
+
 Session::~Session() {
   if (client_ != nullptr) DAXO_DeleteClient(client_);
 }

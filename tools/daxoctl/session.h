@@ -26,6 +26,9 @@ struct Sensor {
   std::vector<std::string> metrics;
 };
 
+// {"id", "name", "metrics": [metric ids]}.
+JsonObject SensorJson(const Sensor& sensor);
+
 struct Metric {
   std::string id;
   std::string name;
