@@ -197,7 +197,10 @@ static int Push(DAXO_Client* client, int round) {
   double start = NowMs();
   DAXO_Error err = DAXO_PushMetricValues(client, demo.sensorId, values);
   DAXO_DestroyMetricValueContainer(values); /* the push keeps no reference */
-  if (err != DAXO_Error_Success) return Fail("push", err, DAXO_ErrorName(err)) == 0;
+  if (err != DAXO_Error_Success) {
+    Fail("push", err, DAXO_ErrorName(err));
+    return 0;
+  }
   if (!WaitForMore(&demo.pushAnswers, answersBefore, 5)) {
     printf("push %2d: no answer from the agent within 5 s\n", round);
     return 1;
@@ -226,9 +229,10 @@ static int Run(DAXO_Client* client, int seconds) {
   }
   if (err != DAXO_Error_Success) return Fail("provisioning", err, DAXO_ErrorName(err));
   err = DAXO_Connect(client);
-  if (err != DAXO_Error_Success || !WaitFor(&demo.connected, 20) ||
-      demo.connectResult != DAXO_Error_Success)
-    return Fail("connecting", err ? err : demo.connectResult, DAXO_ErrorName(err ? err : demo.connectResult));
+  if (err != DAXO_Error_Success) return Fail("connecting", err, DAXO_ErrorName(err));
+  if (!WaitFor(&demo.connected, 20)) return Fail("connecting", 0, "no answer");
+  err = demo.connectResult;
+  if (err != DAXO_Error_Success) return Fail("connecting", err, DAXO_ErrorName(err));
   printf("connected\n");
   if (DAXO_CreateSensor(client, "system") != DAXO_Error_Success ||
       !WaitFor(&demo.sensorCreated, 10) || demo.sensorId[0] == '\0')
@@ -246,11 +250,14 @@ static int Run(DAXO_Client* client, int seconds) {
 }
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    fprintf(stderr, "usage: %s CONFIG [SECONDS]\n", argv[0]);
+  /* A mistyped SECONDS must not end the run at once with success. */
+  char* end = "";
+  long seconds = 20;
+  if (argc == 3) seconds = strtol(argv[2], &end, 10);
+  if (argc < 2 || argc > 3 || *end != '\0' || end == argv[2] || seconds < 1 || seconds > 86400) {
+    fprintf(stderr, "usage: %s CONFIG [SECONDS, 1 to 86400, default 20]\n", argv[0]);
     return 2;
   }
-  int seconds = argc > 2 ? atoi(argv[2]) : 20;
   signal(SIGINT, OnSignal);
   signal(SIGTERM, OnSignal);
   DAXO_LibInit();
@@ -265,7 +272,7 @@ int main(int argc, char** argv) {
   DAXO_PushMetricValuesCallbackSet(client, OnPushed);
   DAXO_CreateSensorJobCallbackSet(client, OnSensorJob);
   DAXO_DeleteSensorJobCallbackSet(client, OnDeleteJob);
-  int status = Run(client, seconds);
+  int status = Run(client, (int)seconds);
   if (stopRequested) printf("stopped\n");
   DAXO_Disconnect(client);
   DAXO_DeleteClient(client); /* from this thread, never from a callback */
