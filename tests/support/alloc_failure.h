@@ -3,7 +3,15 @@
 #ifndef DAXO_TEST_ALLOC_FAILURE_H
 #define DAXO_TEST_ALLOC_FAILURE_H
 
+#include <cstdio>
+#include <cstdlib>
+
 namespace alloc_failure {
+
+// Far above what any operation allocates (a provisioning, a few thousand):
+// a call still failing after this many never stops allocating, and the
+// loop would run until the test runner's own limit.
+inline constexpr long kMaxAllocations = 100000;
 
 class Scope {
  public:
@@ -28,6 +36,10 @@ class Suspend {
 template <class Setup, class Call, class Check>
 long ForEachAllocationFailure(Setup setup, Call call, Check check) {
   for (long n = 0;; ++n) {
+    if (n == kMaxAllocations) {
+      std::fprintf(stderr, "ForEachAllocationFailure: still failing after %ld allocations\n", n);
+      std::abort();
+    }
     setup();
     bool fired;
     auto result = [&] {
