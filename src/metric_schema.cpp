@@ -28,11 +28,6 @@ DAXO_Error AddEntry(json_object* array, std::initializer_list<Member> members) n
   return DAXO_Error_Success;
 }
 
-bool Usable(const DAXO_MetricSchemaContainer* container) noexcept {
-  return container != nullptr && container->mainJson != nullptr &&
-         container->metricsArray != nullptr;
-}
-
 }  // namespace
 
 extern "C" {
@@ -61,7 +56,7 @@ DAXO_Error DAXO_AddStandardMetricSchema(DAXO_MetricSchemaContainer* container,
                                         const char* matchingId, const char* name,
                                         DAXO_ValueUnit value_unit) noexcept {
   const char* unit = value_unit != DAXO_ValueUnit_NoUnit ? GetValueUnitStr(value_unit) : nullptr;
-  if (!Usable(container) || matchingId == nullptr || name == nullptr || unit == nullptr)
+  if (container == nullptr || matchingId == nullptr || name == nullptr || unit == nullptr)
     return DAXO_Error_InvalidArguments;
   return AddEntry(container->metricsArray,
                   {{"valueUnit", unit}, {"matchingId", matchingId}, {"name", name}});
@@ -72,7 +67,7 @@ DAXO_Error DAXO_AddCustomMetricSchema(DAXO_MetricSchemaContainer* container,
                                       DAXO_ValueType valueType,
                                       const char* valueAnnotation) noexcept {
   const char* type = valueType != DAXO_ValueType_NoType ? GetValueTypeStr(valueType) : nullptr;
-  if (!Usable(container) || matchingId == nullptr || name == nullptr ||
+  if (container == nullptr || matchingId == nullptr || name == nullptr ||
       valueAnnotation == nullptr || type == nullptr)
     return DAXO_Error_InvalidArguments;
   return AddEntry(container->metricsArray, {{"valueType", type},
@@ -83,7 +78,8 @@ DAXO_Error DAXO_AddCustomMetricSchema(DAXO_MetricSchemaContainer* container,
 
 DAXO_Error DAXO_AddMetricUpdateSchema(DAXO_MetricSchemaContainer* container, const char* metricId,
                                       const char* name, const char* valueAnnotation) noexcept {
-  if (!Usable(container) || metricId == nullptr || (name == nullptr && valueAnnotation == nullptr))
+  if (container == nullptr || metricId == nullptr ||
+      (name == nullptr && valueAnnotation == nullptr))
     return DAXO_Error_InvalidArguments;
   return AddEntry(container->metricsArray,
                   {{"metricId", metricId}, {"name", name}, {"valueAnnotation", valueAnnotation}});
