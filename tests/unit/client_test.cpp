@@ -32,6 +32,9 @@ TEST_F(FakeClientTest, DisconnectAndDeletionStopTheNetworkThreads) {
   FakeMqtt& main = Connected();
   client->mosqProvision = FakeMqtt::Create(nullptr, "myid", 1, client);
   daxo::Store(client->provisionLoopStarted, 1);
+  // Accepted, as a running exchange's connection is: the watch thread would
+  // otherwise restart an attempt that seems stalled.
+  daxo::Store(client->provisionWatch.connected, 1);
   FakeMqtt::Last()->disconnectResult = MOSQ_ERR_NO_CONN;
   EXPECT_EQ(DAXO_DeleteClient(std::exchange(client, nullptr)), DAXO_Error_Success);
   EXPECT_EQ(main.loopStops, std::vector<int>{0});
