@@ -52,7 +52,8 @@ add_executable(push_cmake "$example")
 set_target_properties(push_cmake PROPERTIES C_STANDARD 11)
 target_link_libraries(push_cmake PRIVATE daxoclient::daxoclient)
 CMAKE
-"$cmake" -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$prefix" \
+# Ninja, like the project's presets: a fresh system has no make.
+"$cmake" -S "$work/consumer" -B "$work/consumer/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" >"$work/consumer.log" 2>&1 ||
   { cat "$work/consumer.log"; fail "configuring a find_package(daxoclient) project"; }
 "$cmake" --build "$work/consumer/build" >"$work/consumer.log" 2>&1 ||
