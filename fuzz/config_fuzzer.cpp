@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
     abort();
   auto* client = static_cast<DAXO_Client*>(calloc(1, sizeof(DAXO_Client)));
-  pthread_mutex_init(&client->connectionMutex, nullptr);
+  pthread_mutex_init(&client->instanceMutex, nullptr);
   if (LoadConfig(client, path.c_str()) == DAXO_Error_Success &&
       (client->mqttHost == nullptr || client->caFile == nullptr || client->certFolder == nullptr))
     abort();  // a complete configuration has every required text

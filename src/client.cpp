@@ -18,7 +18,11 @@ extern "C" DAXO_Client* NewClientInternal(
     *err = DAXO_Error_NoMemory;
     return nullptr;
   }
-  pthread_mutex_init(&client->connectionMutex, nullptr);
+  pthread_mutex_init(&client->ownerMutex, nullptr);
+  pthread_mutex_init(&client->certCheckThreadMutex, nullptr);
+  pthread_cond_init(&client->certCheckThreadCondition, nullptr);
+  pthread_mutex_init(&client->instanceMutex, nullptr);
+  client->provisionTimeoutMs = daxo::kProvisionTimeoutMs;
   *err = LoadConfig(client, confFile);
   if (*err != DAXO_Error_Success) {
     DAXO_DeleteClient(client);
@@ -38,21 +42,20 @@ extern "C" DAXO_Client* NewClientInternal(
 namespace daxo {
 
 void DestroyClient(DAXO_Client* client) noexcept {
+  // Once the watch thread has ended, the caller is the connections' only
+  // owner; network threads may still hand over work until they are stopped.
   StopCertificateCheckingThread(client);
-  if (client->mosq != nullptr) {
-    DAXO_Disconnect(client);
-    client->destroyMosquittoClientFunction(client->mosq);
-  }
-  if (client->mosqProvision != nullptr) {
-    ProvisionDisconnect(client);
-    client->destroyMosquittoClientFunction(client->mosqProvision);
-  }
+  ReleaseConnections(client);
+  FreeOwnerTasks(client);
   for (char* text : {client->clientId, client->mqttHost, client->caFile, client->certFolder,
                      client->clientName, client->provisionDigest, client->provisionCert,
                      client->renewalContent})
     free(text);
   FreeSecret(client->newKeyContent);
-  pthread_mutex_destroy(&client->connectionMutex);
+  pthread_mutex_destroy(&client->instanceMutex);
+  pthread_mutex_destroy(&client->ownerMutex);
+  pthread_mutex_destroy(&client->certCheckThreadMutex);
+  pthread_cond_destroy(&client->certCheckThreadCondition);
   free(client);
 }
 

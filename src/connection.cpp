@@ -1,6 +1,7 @@
 // The main MQTT instance: connecting, its handlers, sending, disconnecting
 // and the deprovisioning completion.
 #include <cerrno>
+#include <utility>
 
 #include "daxo_internal.h"
 #include "string_utils.h"
@@ -17,77 +18,110 @@ DAXO_Client* ClientOf(struct mosquitto* mosq, void* obj) noexcept {
   return mosq != nullptr ? static_cast<DAXO_Client*>(obj) : nullptr;
 }
 
+void ReportConnect(DAXO_Client* client, DAXO_Error err) noexcept {
+  if (DAXO_OnConnect onConnect = daxo::Get(client->OnConnect))
+    onConnect(client, client->callbackParameter, err);
+}
+
+// A connection without its subscription cannot hear the agent: it is
+// reported as failed, and the next reconnection subscribes again.
+void ReportRefusedSubscription(DAXO_Client* client, const char* why) noexcept {
+  daxo::LogFormat(client, "Connection to %s:%d: subscription to the client's topics %s",
+                  client->mqttHost, client->mqttPort, why);
+  ReportConnect(client, DAXO_Error_ConnectionFailed);
+}
+
 // Subscribes to the client's tree; the application hears of the connection
 // only when the subscription is acknowledged.
 void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
+  daxo::LibraryThreadScope libraryThread;
   DAXO_Client* client = ClientOf(mosq, obj);
   if (client == nullptr) return;
-  if (result != 0) {
-    if (client->OnConnect != nullptr)
-      client->OnConnect(client, client->callbackParameter, ConvertConnackCode(result));
-    return;
-  }
+  if (result != 0) return ReportConnect(client, ConvertConnackCode(result));
   daxo::WatchConnected(client->mainWatch);
   CStr filter = Format("/%s/%s/#", daxo::kApiVersion, client->clientId);
   if (!filter) {
-    if (client->OnConnect != nullptr)
-      client->OnConnect(client, client->callbackParameter, DAXO_Error_NoMemory);
+    ReportConnect(client, DAXO_Error_NoMemory);
     LogMessage(client, "ConnectCallback: No Memory");
     return;
   }
+  // This instance's own thread: the owner replaces client->mosq only after
+  // joining it.
   MosquittoInterface* mi = client->mosq;
-  mi->mosquittoSubscribeFunction(mi, nullptr, filter.get(), 2);
+  if (mi->mosquittoSubscribeFunction(mi, nullptr, filter.get(), 2) != MOSQ_ERR_SUCCESS)
+    ReportRefusedSubscription(client, "could not be sent");
 }
 
-void SubscribeCallback(struct mosquitto* /*mosq*/, void* obj, int /*mid*/, int /*qosCount*/,
-                       const int* /*grantedQos*/) noexcept {
+constexpr int kSubscriptionRefused = 0x80;
+
+void SubscribeCallback(struct mosquitto* /*mosq*/, void* obj, int /*mid*/, int qosCount,
+                       const int* grantedQos) noexcept {
+  daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
-  if (client != nullptr && client->OnConnect != nullptr)
-    client->OnConnect(client, client->callbackParameter, DAXO_Error_Success);
+  if (client == nullptr) return;
+  if (qosCount < 1 || grantedQos == nullptr || grantedQos[0] == kSubscriptionRefused)
+    return ReportRefusedSubscription(client, "was refused by the broker");
+  ReportConnect(client, DAXO_Error_Success);
 }
 
 void DisconnectCallback(struct mosquitto* /*mosq*/, void* obj, int result) noexcept {
+  daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (client == nullptr) return;
   daxo::WatchLost(client->mainWatch, result != 0);
-  if (client->OnDisconnect == nullptr) return;
-  client->OnDisconnect(client, client->callbackParameter,
-                       result == 0 ? DAXO_Error_Success : DAXO_Error_UnexpectedDisconnect);
+  if (DAXO_OnDisconnect onDisconnect = daxo::Get(client->OnDisconnect))
+    onDisconnect(client, client->callbackParameter,
+                 result == 0 ? DAXO_Error_Success : DAXO_Error_UnexpectedDisconnect);
 }
 
-// Completes a deprovisioning once the broker acknowledges its request.
+// Completes a deprovisioning once the broker acknowledges its request. The
+// watch thread goes on (it owns the connections); it only stops checking
+// certificates that are gone.
 void PublishCallback(struct mosquitto* /*mosq*/, void* obj, int mid) noexcept {
+  daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (client == nullptr || mid != client->messageId) return;
   client->messageId = 0;
-  StopCertificateCheckingThread(client);
+  daxo::Store(client->dailyChecksOff, 1);
   DeleteCertificates(client);
   if (client->OnDeprovisionClient != nullptr)
     client->OnDeprovisionClient(client, client->callbackParameter);
 }
 
-// A main instance that is no longer the current one is released here, on
-// the application's thread, once its network thread has stopped.
+void LibraryLogCallback(struct mosquitto* mosq, void* obj, int level, const char* str) noexcept {
+  daxo::LibraryThreadScope libraryThread;
+  LogCallback(mosq, obj, level, str);
+}
+
+void MainMessageCallback(struct mosquitto* mosq, void* obj,
+                         const struct mosquitto_message* message) noexcept {
+  daxo::LibraryThreadScope libraryThread;
+  MessageCallback(mosq, obj, message);
+}
+
+// Takes an instance out of the client once its network thread has stopped;
+// publishers that still hold it finish first.
+void Detach(DAXO_Client* client, MosquittoInterface* DAXO_Client::*field) noexcept {
+  MosquittoInterface* mi;
+  {
+    daxo::MutexLock lock(&client->instanceMutex);
+    mi = std::exchange(client->*field, nullptr);
+  }
+  client->destroyMosquittoClientFunction(mi);
+}
+
 void ReleaseMain(DAXO_Client* client) noexcept {
   if (client->mosq == nullptr) return;
   daxo::DisconnectMain(client);
-  client->destroyMosquittoClientFunction(client->mosq);
-  client->mosq = nullptr;
-}
-
-void ReleaseProvisioning(DAXO_Client* client) noexcept {
-  if (client->mosqProvision == nullptr) return;
-  ProvisionDisconnect(client);
-  client->destroyMosquittoClientFunction(client->mosqProvision);
-  client->mosqProvision = nullptr;
+  Detach(client, &DAXO_Client::mosq);
 }
 
 void InstallHandlers(DAXO_Client* client, MosquittoInterface* mi) noexcept {
   mi->mosquittoReconnectDelaySetFunction(mi, 1, 1, 0);
-  mi->mosquittoLogCallbackSetFunction(mi, LogCallback);
+  mi->mosquittoLogCallbackSetFunction(mi, LibraryLogCallback);
   mi->mosquittoConnectCallbackSetFunction(mi, ConnectCallback);
   mi->mosquittoDisconnectConnectCallbackSetFunction(mi, DisconnectCallback);
-  mi->mosquittMessageCallbackSetFunction(mi, MessageCallback);
+  mi->mosquittMessageCallbackSetFunction(mi, MainMessageCallback);
   mi->mosquittoSubscribeCallbackSetFunction(mi, SubscribeCallback);
   daxo::InstallPublishHandler(client);
 }
@@ -100,39 +134,11 @@ DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
   return rc == MOSQ_ERR_SUCCESS ? DAXO_Error_Success : DAXO_Error_TlsSetFailed;
 }
 
-DAXO_Error StartMain(DAXO_Client* client, MosquittoInterface* mi) noexcept {
-  daxo::LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
-                  client->mqttPort, client->mqttKeepAlive);
-  daxo::Store(client->mainWatch.lossReported, 0);
-  DAXO_Error err = daxo::StartAttempt(client, mi, client->mqttPort, client->mainWatch);
-  if (err == DAXO_Error_Success) daxo::Store(client->polling, 1);
-  return err;
-}
-
-DAXO_Error Connect(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
-  ReleaseProvisioning(client);
-  ReleaseMain(client);
-  errno = 0;
-  MosquittoInterface* mi =
-      client->createMosquittoClientFunction(mosquitto, client->clientId, 1, client);
-  if (mi == nullptr) return errno == ENOMEM ? DAXO_Error_NoMemory : DAXO_Error_InvalidArguments;
-  client->mosq = mi;
-  InstallHandlers(client, mi);
-  if (DAXO_Error err = SetClientTls(client, mi); err != DAXO_Error_Success) return err;
-  return StartMain(client, mi);
-}
-
 }  // namespace
 
 extern "C" DAXO_Error ConnectInternal(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
-  DAXO_Error err;
-  {
-    daxo::MutexLock lock(&client->connectionMutex);
-    err = Connect(client, mosquitto);
-  }
-  daxo::WakeWatchThread(client);
-  return err;
+  return daxo::RunOnOwner(client, OwnerConnect, mosquitto);
 }
 
 extern "C" DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
@@ -140,8 +146,16 @@ extern "C" DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
                                          int* messageId) noexcept {
   if (client == nullptr || topic == nullptr || message == nullptr)
     return DAXO_Error_InvalidArguments;
-  MosquittoInterface* mi = client->mosq != nullptr ? client->mosq : client->mosqProvision;
-  return daxo::PublishOn(client, mi, topic, message, message_len, messageId);
+  DAXO_Error err;
+  bool onMain;
+  {
+    daxo::MutexLock lock(&client->instanceMutex);
+    onMain = client->mosq != nullptr;
+    MosquittoInterface* mi = onMain ? client->mosq : client->mosqProvision;
+    err = daxo::PublishOn(mi, topic, message, message_len, messageId);
+  }
+  if (onMain) daxo::LogFormat(client, "SendMessage: %s", message);
+  return err;
 }
 
 namespace daxo {
@@ -152,24 +166,42 @@ DAXO_Error CheckConnection(DAXO_Client* client) noexcept {
   return SendMessageToAgent(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1, nullptr);
 }
 
-DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* topic,
-                     const char* message, int length, int* messageId) noexcept {
+DAXO_Error PublishOn(MosquittoInterface* mi, const char* topic, const char* message, int length,
+                     int* messageId) noexcept {
   if (mi == nullptr) return DAXO_Error_NoConnectionToServer;
-  int rc = mi->mosquittoPublishFunction(mi, messageId, topic, length, message, 2, 0);
-  if (mi == client->mosq) LogFormat(client, "SendMessage: %s", message);
-  return PublishResultToError(rc);
+  return PublishResultToError(
+      mi->mosquittoPublishFunction(mi, messageId, topic, length, message, 2, 0));
 }
 
 void InstallPublishHandler(DAXO_Client* client) noexcept {
+  MutexLock lock(&client->instanceMutex);
   MosquittoInterface* mi = client->mosq;
   if (mi == nullptr) return;  // remembered for the next main instance
   mi->mosquittoPublishCallbackSetFunction(
-      mi, client->OnDeprovisionClient != nullptr ? PublishCallback : nullptr);
+      mi, Get(client->OnDeprovisionClient) != nullptr ? PublishCallback : nullptr);
 }
 
-DAXO_Error Disconnect(DAXO_Client* client) noexcept {
-  MutexLock lock(&client->connectionMutex);
-  return DisconnectMain(client);
+DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept {
+  ReleaseProvisioning(client);
+  ReleaseMain(client);
+  errno = 0;
+  MosquittoInterface* mi = client->createMosquittoClientFunction(record, client->clientId, 1, client);
+  if (mi == nullptr) return errno == ENOMEM ? DAXO_Error_NoMemory : DAXO_Error_InvalidArguments;
+  {
+    MutexLock lock(&client->instanceMutex);
+    client->mosq = mi;
+  }
+  InstallHandlers(client, mi);
+  if (DAXO_Error err = SetClientTls(client, mi); err != DAXO_Error_Success) return err;
+  LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
+            client->mqttPort, client->mqttKeepAlive);
+  Store(client->mainWatch.lossReported, 0);
+  DAXO_Error err = StartAttempt(client, mi, client->mqttPort, client->mainWatch);
+  if (err == DAXO_Error_Success) {
+    Store(client->polling, 1);
+    client->wantMain = 0;  // from now on the running attempt is supervised
+  }
+  return err;
 }
 
 DAXO_Error DisconnectMain(DAXO_Client* client) noexcept {
@@ -184,6 +216,26 @@ DAXO_Error DisconnectMain(DAXO_Client* client) noexcept {
   bool force = rc != MOSQ_ERR_SUCCESS || !Load(client->mainWatch.connected);
   mi->mosquittoLoopStopFunction(mi, force);
   return DAXO_Error_Success;
+}
+
+void ReleaseProvisioning(DAXO_Client* client) noexcept {
+  if (client->mosqProvision == nullptr) return;
+  ProvisionDisconnect(client);
+  Detach(client, &DAXO_Client::mosqProvision);
+}
+
+void ReleaseConnections(DAXO_Client* client) noexcept {
+  client->wantMain = 0;
+  ReleaseMain(client);
+  ReleaseProvisioning(client);
+}
+
+// Nobody waited for this connection: the owner tries again later.
+void ReportConnectFailure(DAXO_Client* client, DAXO_Error err) noexcept {
+  client->wantMain = 1;
+  LogFormat(client, "Connection to %s:%d could not be started: %s", client->mqttHost,
+            client->mqttPort, DAXO_ErrorName(err));
+  ReportConnect(client, err);
 }
 
 }  // namespace daxo

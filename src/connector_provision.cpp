@@ -166,11 +166,12 @@ void Deliver(DAXO_Client* client, DAXO_Error outcome) noexcept {
 // listener confines a client to its own tree, where the agent does not
 // listen for requests.
 DAXO_Error SendRequest(DAXO_Client* client) noexcept {
-  return daxo::PublishOn(client, client->mosqProvision, kRequestTopic, client->provisionCert,
+  return daxo::PublishOn(client->mosqProvision, kRequestTopic, client->provisionCert,
                          client->provisionCertLen, nullptr);
 }
 
 void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
+  daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (mosq == nullptr || client == nullptr) return;
   if (result != 0) return Deliver(client, ConvertConnackCode(result));
@@ -212,6 +213,7 @@ bool IsOurReply(DAXO_Client* client, const daxo::TopicLevels& levels) noexcept {
 
 void ProvisionMessageCallback(struct mosquitto* mosq, void* obj,
                               const struct mosquitto_message* message) noexcept {
+  daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (client == nullptr || message == nullptr || mosq == nullptr || message->payload == nullptr ||
       message->payloadlen == 0 || message->topic == nullptr)
@@ -261,15 +263,15 @@ DAXO_Error PrepareRequest(DAXO_Client* client) noexcept {
 
 DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   // An instance left by a failed attempt is replaced, not leaked.
-  if (client->mosqProvision != nullptr) {
-    client->destroyMosquittoClientFunction(client->mosqProvision);
-    client->mosqProvision = nullptr;
-  }
+  daxo::ReleaseProvisioning(client);
   errno = 0;
   MosquittoInterface* mi =
       client->createMosquittoClientFunction(mosquitto, kProvisioningClientId, 1, client);
   if (mi == nullptr) return errno == ENOMEM ? DAXO_Error_NoMemory : DAXO_Error_InvalidArguments;
-  client->mosqProvision = mi;
+  {
+    daxo::MutexLock lock(&client->instanceMutex);
+    client->mosqProvision = mi;
+  }
   mi->mosquittoReconnectDelaySetFunction(mi, 1, 1, 0);
   mi->mosquittoConnectCallbackSetFunction(mi, ConnectCallback);
   mi->mosquittMessageCallbackSetFunction(mi, ProvisionMessageCallback);
@@ -281,29 +283,63 @@ DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto)
   return err;
 }
 
+// The answer and the owner's time limit race to end an exchange; only the
+// one that ends it reports its outcome.
+bool EndExchange(DAXO_Client* client) noexcept {
+  return __atomic_exchange_n(&client->provisionDeadlineMs, 0, __ATOMIC_ACQ_REL) != 0;
+}
+
 }  // namespace
 
 extern "C" void ProcessCertBack(DAXO_Client* client, const struct mosquitto_message* message) noexcept {
+  if (!EndExchange(client)) return LogMessage(client, "ProcessCertBack: the exchange has ended");
   FreeProvisionData(client);
   Deliver(client, StoreCertificate(client, message));
 }
 
+// An error reply that cannot be read still ends the exchange: the
+// application hears of the failure instead of waiting for nothing.
 extern "C" void ProcessCertBackError(DAXO_Client* client,
                                      const struct mosquitto_message* message) noexcept {
+  if (!EndExchange(client)) return LogMessage(client, "ProcessCertBack: the exchange has ended");
   LogMessage(client, "ProvisionMessageCallback: Failed to provision client");
   FreeProvisionData(client);
   int code = 0;
   auto* payload = static_cast<const char*>(message->payload);
-  if (!ParseErrorMessage(payload, &code, nullptr))
-    return LogParseErrorMessage(client, message->topic, payload);
+  if (!ParseErrorMessage(payload, &code, nullptr)) {
+    LogParseErrorMessage(client, message->topic, payload);
+    return Deliver(client, DAXO_Error_ClientProvision);
+  }
   Deliver(client, ConvertApiError(code));
 }
+
+namespace daxo {
+
+void EndStalledExchange(DAXO_Client* client) noexcept {
+  long long deadline = __atomic_load_n(&client->provisionDeadlineMs, __ATOMIC_ACQUIRE);
+  if (deadline == 0 || NowMs() < deadline || !EndExchange(client)) return;
+  LogFormat(client, "Provisioning: no answer from %s:%d within %lld s", client->mqttHost,
+            client->mqttProvisionPort, client->provisionTimeoutMs / 1000);
+  {
+    MutexLock lock(&client->ownerMutex);
+    ReleaseProvisioning(client);
+    FreeProvisionData(client);
+  }
+  Deliver(client, DAXO_Error_ClientProvision);
+}
+
+}  // namespace daxo
 
 extern "C" DAXO_Error ProvisionClient(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   if (DAXO_Error err = PrepareRequest(client); err != DAXO_Error_Success) return err;
-  if (daxo::Load(client->provisionLoopStarted)) return SendRequest(client);
-  DAXO_Error err = StartProvisioning(client, mosquitto);
-  if (err != DAXO_Error_Success) FreeProvisionData(client);
-  return err;
+  DAXO_Error err = daxo::Load(client->provisionLoopStarted) ? SendRequest(client)
+                                                             : StartProvisioning(client, mosquitto);
+  if (err != DAXO_Error_Success) {
+    FreeProvisionData(client);
+    return err;
+  }
+  __atomic_store_n(&client->provisionDeadlineMs, daxo::NowMs() + client->provisionTimeoutMs,
+                   __ATOMIC_RELEASE);
+  return DAXO_Error_Success;
 }

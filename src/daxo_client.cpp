@@ -15,7 +15,8 @@ template <class Callback>
 DAXO_Error SetCallback(DAXO_Client* client, Callback DAXO_Client::*field,
                        Callback callback) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
-  client->*field = callback;
+  // Network threads read callbacks while the application or a renewal sets them.
+  __atomic_store_n(&(client->*field), callback, __ATOMIC_RELEASE);
   return DAXO_Error_Success;
 }
 
@@ -40,7 +41,8 @@ DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackParameter,
 }
 
 DAXO_Error DAXO_DeleteClient(DAXO_Client* client) noexcept {
-  if (client == nullptr) return DAXO_Error_InvalidArguments;
+  // A library thread is one the deletion would have to join.
+  if (client == nullptr || daxo::OnLibraryThread()) return DAXO_Error_InvalidArguments;
   daxo::DestroyClient(client);
   return DAXO_Error_Success;
 }
@@ -151,7 +153,7 @@ DAXO_Error DAXO_ReportMetricError(DAXO_Client* client, const char* sensorId, con
 
 DAXO_Error DAXO_Disconnect(DAXO_Client* client) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
-  return daxo::Disconnect(client);
+  return daxo::RunOnOwner(client, OwnerDisconnect, nullptr);
 }
 
 DAXO_Error DAXO_ProvisionClientCallbackSet(DAXO_Client* client,

@@ -22,13 +22,26 @@ typedef void (*OnProvisionCallback)(DAXO_Client* client, void* callbackParameter
 typedef void (*OnCertificateRenewCallback)(DAXO_Client* client, void* callbackParameter,
                                            DAXO_Error err);
 
-// How far an MQTT instance's connection has come. The watch thread reads it
-// to restart attempts that libmosquitto abandons without a callback.
+// How far an MQTT instance's connection has come; written by its network
+// thread and the owner, read by the owner to restart attempts that
+// libmosquitto abandons without a callback.
 typedef struct ConnectionWatchTag {
-  int connected;     // a CONNACK was accepted since the last attempt or loss
-  int lossReported;  // OnDisconnect has told the application of this outage
+  int connected;      // a CONNACK was accepted since the last attempt or loss
+  int lossReported;   // the application has been told of this outage
   long long sinceMs;  // monotonic time of the last attempt or loss
+  long long graceMs;  // how long the current attempt may take before a restart
 } ConnectionWatch;
+
+// A change to a client's connections asked for on a library thread, which
+// must not wait for it: the watch thread carries it out, reports a failure
+// through the callback of its kind and frees the task.
+typedef enum OwnerCommandTag { OwnerConnect, OwnerDisconnect, OwnerProvision } OwnerCommand;
+
+typedef struct OwnerTaskTag {
+  OwnerCommand command;
+  MosquittoInterface* record;  // handed to the factory by Connect and Provision
+  struct OwnerTaskTag* next;
+} OwnerTask;
 
 struct DAXO_ClientTag {
   MosquittoInterface* mosq;           // main instance, made by DAXO_Connect
@@ -82,22 +95,43 @@ struct DAXO_ClientTag {
   CreateMosquittoClientFunction createMosquittoClientFunction;
   DestroyMosquittoClientFunction destroyMosquittoClientFunction;
 
-  // Serialises making, restarting and stopping the MQTT instances between
-  // the application's threads and the watch thread.
-  pthread_mutex_t connectionMutex;
+  // Held by whoever changes the client's connections: the watch thread while
+  // it works, or an application thread inside DAXO_Connect, DAXO_Disconnect
+  // or DAXO_ProvisionClient. Never taken on a network thread, so the joins
+  // of network threads made with it held cannot wait for its holder.
+  pthread_mutex_t ownerMutex;
+  // The instance pointers mosq and mosqProvision are replaced with
+  // instanceMutex held too; any thread that does not hold ownerMutex holds
+  // instanceMutex while it uses an instance, so that none is released under
+  // it. Never held across a join or an application callback.
+  pthread_mutex_t instanceMutex;
   ConnectionWatch mainWatch;
   ConnectionWatch provisionWatch;
+  int wantMain;  // the main connection must be started again (ownerMutex)
 
-  // A reconnection with new certificate files, asked for by the network
-  // thread and carried out by the watch thread (guarded by
-  // certCheckThreadMutex).
+  // Work handed to the watch thread, guarded by certCheckThreadMutex: tasks
+  // from library threads, and a reconnection with new certificate files or
+  // a renewal request asked for by a network thread.
+  OwnerTask* ownerTasks;
   int renewalTask;       // RenewalTask
+  int renewalRequested;  // an expiring certificate: make a key and ask for a new one
+  int ownerPasses;       // passes the watch thread has completed (work handed over before is done)
   char* renewalContent;  // the new certificate or authority, PEM
   DAXO_OnDisconnect preserveUserDefinedOnDisconnectCallback;
   int renewalMutedOnDisconnect;  // OnDisconnect is held back for a renewal
+  int dailyChecksOff;  // a deprovisioned client has nothing to check
+
+  // A provisioning exchange that has no answer by then reports a failure.
+  long long provisionDeadlineMs;  // 0: no exchange pending
+  long long provisionTimeoutMs;
 };
 
-enum RenewalTask { RenewalTaskNone = 0, RenewalTaskClientCertificate, RenewalTaskAuthority };
+enum RenewalTask {
+  RenewalTaskNone = 0,
+  RenewalTaskClientCertificate,
+  RenewalTaskAuthority,
+  RenewalTaskRequest  // only handed over: kept in renewalRequested
+};
 
 struct DAXO_MetricSchemaContainerTag {
   struct json_object* mainJson;      // the whole request body
@@ -354,10 +388,9 @@ DAXO_Error LoopStartResultToError(int rc) noexcept;
 DAXO_Error PublishResultToError(int rc) noexcept;
 DAXO_Error SubscribeResultToError(int rc) noexcept;
 
-// Publishes at QoS 2 without retain on instance mi (none: no connection);
-// messages on the main instance are logged.
-DAXO_Error PublishOn(DAXO_Client* client, MosquittoInterface* mi, const char* topic,
-                     const char* message, int length, int* messageId) noexcept;
+// Publishes at QoS 2 without retain on instance mi (none: no connection).
+DAXO_Error PublishOn(MosquittoInterface* mi, const char* topic, const char* message, int length,
+                     int* messageId) noexcept;
 
 // Request bodies: a new object (NoMemory when it cannot be made), and a
 // member added to it, owned by the parent only once added (a null value is
@@ -411,6 +444,15 @@ DAXO_Error CheckConnection(DAXO_Client* client) noexcept;
 // Flags shared between threads without a lock are read and written whole.
 inline int Load(const int& flag) noexcept { return __atomic_load_n(&flag, __ATOMIC_ACQUIRE); }
 inline void Store(int& flag, int value) noexcept { __atomic_store_n(&flag, value, __ATOMIC_RELEASE); }
+// Callbacks too: the application and a renewal set them while network
+// threads call them.
+template <class Callback>
+Callback Get(const Callback& field) noexcept {
+  return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
+}
+
+// No provisioning exchange waits longer than this for the agent's answer.
+inline constexpr long long kProvisionTimeoutMs = 30000;
 
 class MutexLock {
  public:
@@ -423,7 +465,43 @@ class MutexLock {
   pthread_mutex_t* mutex_;
 };
 
+// Marks the current thread as one of the library's for the scope: a
+// network thread inside one of the library's handlers, or a watch thread.
+class LibraryThreadScope {
+ public:
+  LibraryThreadScope() noexcept;
+  ~LibraryThreadScope();
+  LibraryThreadScope(const LibraryThreadScope&) = delete;
+  LibraryThreadScope& operator=(const LibraryThreadScope&) = delete;
+};
+bool OnLibraryThread() noexcept;
+
+// A change to the client's connections (connection_owner.cpp). On an
+// application thread it is carried out at once with ownerMutex held and its
+// result returned; on a library thread it is handed to the watch thread and
+// DAXO_Error_Success returned (NoMemory when it cannot be queued), its
+// failure reaching the application through its callback.
+DAXO_Error RunOnOwner(DAXO_Client* client, OwnerCommand command,
+                      MosquittoInterface* record) noexcept;
+// With certCheckThreadMutex held: whether tasks are queued.
+bool HasOwnerWork(const DAXO_Client* client) noexcept;
+// Run by the watch thread: carries out the queued tasks.
+void RunOwnerTasks(DAXO_Client* client) noexcept;
+// Once the watch thread has ended: what network threads handed over late.
+void FreeOwnerTasks(DAXO_Client* client) noexcept;
+
+// The owner's side of the connection changes (connection.cpp).
+DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept;
+DAXO_Error DisconnectMain(DAXO_Client* client) noexcept;
+void ReleaseConnections(DAXO_Client* client) noexcept;
+void ReleaseProvisioning(DAXO_Client* client) noexcept;
+// Ends, with a failure outcome, an exchange whose answer is overdue.
+void EndStalledExchange(DAXO_Client* client) noexcept;
+// Reports a failure of the main connection that no synchronous caller hears.
+void ReportConnectFailure(DAXO_Client* client, DAXO_Error err) noexcept;
+
 // Connection supervision (connection_watch.cpp).
+long long NowMs() noexcept;  // monotonic, counting suspended time
 void WatchAttempt(ConnectionWatch& watch) noexcept;  // an attempt starts now
 void WatchConnected(ConnectionWatch& watch) noexcept;
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
@@ -431,24 +509,19 @@ void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
 // attempt watch looks after.
 DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
                         ConnectionWatch& watch) noexcept;
-// Restarts the attempts of the instances that make no progress; run by the
-// watch thread.
+// Restarts the attempts libmosquitto abandoned, ends provisioning exchanges
+// that have waited too long; run by the owner.
 void SuperviseConnections(DAXO_Client* client) noexcept;
-// True while an instance runs that the watch thread must look after.
+// True while an instance runs, or is wanted, that the owner must look after.
 bool NeedsSupervision(const DAXO_Client* client) noexcept;
 // Makes the watch thread re-read what it has to do.
 void WakeWatchThread(DAXO_Client* client) noexcept;
 
-// Carries out a reconnection the renewal asked for; run by the watch thread.
+// Carries out a reconnection the renewal asked for; run by the owner.
 void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept;
 
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;
-
-// The body of DAXO_Disconnect after its guard clause; DisconnectMain is the
-// same with connectionMutex already held.
-DAXO_Error Disconnect(DAXO_Client* client) noexcept;
-DAXO_Error DisconnectMain(DAXO_Client* client) noexcept;
 
 }  // namespace daxo
 #endif

@@ -33,13 +33,8 @@ extern "C" DAXO_Error ProvisionClientInternal(DAXO_Client* client,
   if (stored < 0) return DAXO_Error_NoMemory;
   if (!stored) {
     client->OnProvision = ProvisionCallback;
-    DAXO_Error err;
-    {
-      daxo::MutexLock lock(&client->connectionMutex);
-      err = ProvisionClient(client, mosquitto);
-    }
-    daxo::WakeWatchThread(client);
-    return err;
+    daxo::Store(client->dailyChecksOff, 0);
+    return daxo::RunOnOwner(client, OwnerProvision, mosquitto);
   }
   if (DAXO_Error err = ReadIdentity(client); err != DAXO_Error_Success) return err;
   if (client->OnProvisionClient != nullptr)

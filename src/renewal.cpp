@@ -27,16 +27,20 @@ bool IsAnswer(char** topics, int count, int inboxLevel) noexcept {
 
 // Hands a reconnection to the watch thread, which owns content from now on.
 DAXO_Error Schedule(DAXO_Client* client, RenewalTask task, const char* content) noexcept {
-  char* copy = daxo::Dup(content);
-  if (copy == nullptr) return DAXO_Error_NoMemory;
-  if (!client->certCheckThreadStarted) {
+  char* copy = content != nullptr ? daxo::Dup(content) : nullptr;
+  if (content != nullptr && copy == nullptr) return DAXO_Error_NoMemory;
+  if (!daxo::Load(client->certCheckThreadStarted)) {
     free(copy);
     return DAXO_Error_ThreadCreate;
   }
   daxo::MutexLock lock(&client->certCheckThreadMutex);
-  free(client->renewalContent);
-  client->renewalContent = copy;
-  client->renewalTask = task;
+  if (task == RenewalTaskRequest) {
+    client->renewalRequested = 1;
+  } else {
+    free(client->renewalContent);
+    client->renewalContent = copy;
+    client->renewalTask = task;
+  }
   pthread_cond_broadcast(&client->certCheckThreadCondition);
   return DAXO_Error_Success;
 }
@@ -61,7 +65,9 @@ DAXO_Error HandleExpiryAnswer(DAXO_Client* client, const char* message) noexcept
   if (type == nullptr) return DAXO_Error_WrongReply;
   if (!expiring) return DAXO_Error_Success;
   if (strcmp(type, "client certificate") == 0) {
-    DAXO_Error err = RenewClientCertificate(client);
+    // Making the key takes up to a second: not on the thread that delivers
+    // every other message.
+    DAXO_Error err = Schedule(client, RenewalTaskRequest, nullptr);
     return err == DAXO_Error_Success ? DAXO_Error_Busy : err;
   }
   if (strcmp(type, "certificate authority") == 0) return AnswerAboutAuthority(client, answer.get());
@@ -113,7 +119,7 @@ DAXO_Error Install(DAXO_Client* client, int task, const char* content) noexcept 
 void RestoreApplicationCallbacks(DAXO_Client* client) noexcept {
   // Keyed on the stand-in rather than on the saved value, which is null for
   // an application without OnConnect.
-  if (client->OnConnect == CertificateRenewOnConnectCallback)
+  if (daxo::Get(client->OnConnect) == CertificateRenewOnConnectCallback)
     DAXO_ConnectCallbackSet(client, client->preserveUserDefinedOnConnectCallback);
   client->preserveUserDefinedOnConnectCallback = nullptr;
   if (client->renewalMutedOnDisconnect) {
@@ -198,13 +204,8 @@ DAXO_Error ProcessCheckExpireDateCommand(DAXO_Client* client, char** topics, con
 DAXO_Error ProcessNewCertificateCommand(DAXO_Client* client, char** topics, const int topicCount,
                                         const char* message, const char* /*topic*/) noexcept {
   DAXO_Error err = DAXO_Error_WrongReply;
-  if (IsAnswer(topics, topicCount, TopicIndexClientIdRenewCertificateInbox)) {
-    // Without a pending key the certificate cannot be used: the connection
-    // is left alone.
-    err = client->newKeyContent == nullptr
-              ? DAXO_Error_WritingToCertificateFile
-              : Schedule(client, RenewalTaskClientCertificate, message);
-  }
+  if (IsAnswer(topics, topicCount, TopicIndexClientIdRenewCertificateInbox))
+    err = Schedule(client, RenewalTaskClientCertificate, message);
   if (err != DAXO_Error_Success) CallOnCertificateRenewCallback(client, err);
   return err;
 }
@@ -219,28 +220,53 @@ void CertificateRenewOnConnectCallback(DAXO_Client* client, void* /*callbackPara
 
 }  // extern "C"
 
+namespace {
+
+// With ownerMutex held; *stopped tells whether the connection was stopped.
+DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopped) noexcept {
+  *stopped = false;
+  if (task == RenewalTaskRequest) return RenewClientCertificate(client);
+  // Without a pending key the certificate cannot be used: the connection is
+  // left alone.
+  if (task == RenewalTaskClientCertificate && client->newKeyContent == nullptr)
+    return DAXO_Error_WritingToCertificateFile;
+  *stopped = true;
+  // The application does not hear of the disconnection a new client
+  // certificate needs; its OnDisconnect returns with the new connection.
+  if (task == RenewalTaskClientCertificate) {
+    client->preserveUserDefinedOnDisconnectCallback = daxo::Get(client->OnDisconnect);
+    client->renewalMutedOnDisconnect = 1;
+    DAXO_DisconnectCallbackSet(client, nullptr);
+  }
+  DAXO_Error err = daxo::DisconnectMain(client);
+  if (err == DAXO_Error_Success) err = Install(client, task, content);
+  if (err == DAXO_Error_Success) {
+    client->preserveUserDefinedOnConnectCallback = daxo::Get(client->OnConnect);
+    DAXO_ConnectCallbackSet(client, CertificateRenewOnConnectCallback);
+    err = daxo::ConnectNow(client, nullptr);
+  }
+  if (err != DAXO_Error_Success) RestoreApplicationCallbacks(client);
+  return err;
+}
+
+}  // namespace
+
 namespace daxo {
 
 void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept {
   CStr owned(content);
-  // The application does not hear of the disconnection a new client
-  // certificate needs; its OnDisconnect returns with the new connection.
-  if (task == RenewalTaskClientCertificate) {
-    client->preserveUserDefinedOnDisconnectCallback = client->OnDisconnect;
-    client->renewalMutedOnDisconnect = 1;
-    DAXO_DisconnectCallbackSet(client, nullptr);
+  DAXO_Error err;
+  bool stopped;
+  {
+    MutexLock lock(&client->ownerMutex);
+    err = Renew(client, task, content, &stopped);
   }
-  DAXO_Error err = DAXO_Disconnect(client);
-  if (err == DAXO_Error_Success) err = Install(client, task, content);
-  if (err == DAXO_Error_Success) {
-    client->preserveUserDefinedOnConnectCallback = client->OnConnect;
-    DAXO_ConnectCallbackSet(client, CertificateRenewOnConnectCallback);
-    err = DAXO_Connect(client);
-  }
-  if (err != DAXO_Error_Success) {
-    RestoreApplicationCallbacks(client);
-    CallOnCertificateRenewCallback(client, err);
-  }
+  if (err == DAXO_Error_Success) return;
+  CallOnCertificateRenewCallback(client, err);
+  // A renewal that stopped the connection and could not make a new one:
+  // the application hears why, and the watch thread keeps trying with what
+  // the folder holds.
+  if (stopped) ReportConnectFailure(client, err);
 }
 
 }  // namespace daxo

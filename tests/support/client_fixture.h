@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -105,6 +107,24 @@ class FakeClientTest : public ::testing::Test {
     calls.clear();
     logs.clear();
     return fake;
+  }
+
+  // Waits (bounded) until the watch thread has done what was handed to it:
+  // two passes complete after the wake-up, so one began after it.
+  void Settle() {
+    int start = __atomic_load_n(&client->ownerPasses, __ATOMIC_ACQUIRE);
+    Wake();
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (__atomic_load_n(&client->ownerPasses, __ATOMIC_ACQUIRE) < start + 2) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the watch thread did not settle";
+      Wake();
+      std::this_thread::yield();
+    }
+  }
+  void Wake() {
+    pthread_mutex_lock(&client->certCheckThreadMutex);
+    pthread_cond_broadcast(&client->certCheckThreadCondition);
+    pthread_mutex_unlock(&client->certCheckThreadMutex);
   }
 
   TempDir dir;

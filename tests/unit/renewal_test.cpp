@@ -71,6 +71,7 @@ TEST_F(RenewalTest, ExpiryAnswersGiveTheirOutcome) {
   for (const auto& [levels, payload, outcome] : cases) {
     calls.clear();
     fake.Deliver(std::string("/v1.0/client-1/") + levels, payload);
+    Settle();  // a certificate's outcome comes from the watch thread
     ASSERT_EQ(calls.size(), 1u) << levels << " " << payload;
     EXPECT_EQ(calls[0].code, outcome) << levels << " " << payload;
   }
@@ -80,9 +81,11 @@ TEST_F(RenewalTest, ExpiryAnswersGiveTheirOutcome) {
 
 TEST_F(RenewalTest, AnExpiringClientCertificateAsksForANewOneOnce) {
   FakeMqtt& fake = Connected();
-  for (int i = 0; i < 2; ++i)
+  for (int i = 0; i < 2; ++i) {
     fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
                  Answer("client certificate", "20000101T000000"));
+    Settle();  // the key is made on the watch thread, not the network thread
+  }
   ASSERT_EQ(fake.publishes.size(), 2u);
   EXPECT_EQ(fake.publishes[0].topic, "/v1.0/client-1/renewCertificate");
   EXPECT_EQ(testcert::RequestSubject(fake.publishes[0].payload), "O=QuellborneGmbH,CN=IOT-Client");
@@ -120,6 +123,7 @@ TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHa
     std::future<DAXO_Error> result = reported.get_future();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_EQ(result.get(), DAXO_Error_InvalidArguments);
+    Settle();
     EXPECT_EQ(client->OnConnect, onConnect);
     EXPECT_EQ(client->OnDisconnect, onDisconnect);
     EXPECT_EQ(client->preserveUserDefinedOnConnectCallback, nullptr);
