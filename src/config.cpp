@@ -42,6 +42,11 @@ constexpr Setting kSettings[] = {
     {"ClientName", &DAXO_Client::clientName, nullptr},
 };
 
+// Without keep-alive a broker that stopped without closing its sockets is
+// never noticed; 60 s lets libmosquitto notice within about 90 s. An
+// explicit 0 still turns keep-alive off.
+constexpr int kDefaultKeepAliveSeconds = 60;
+
 // Decimal with optional sign; trailing text ignored, no digits give 0, and
 // values beyond int saturate rather than wrap into another number.
 int ToInt(std::string_view value) noexcept {
@@ -108,6 +113,7 @@ extern "C" DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) noex
   if (confFile == nullptr || confFile[0] == '\0') return DAXO_Error_WrongConfigName;
   FilePtr file(fopen(confFile, "re"));
   if (!file) return DAXO_Error_ConfigReadFailed;
+  client->mqttKeepAlive = kDefaultKeepAliveSeconds;
   char buffer[1024];
   // A line longer than the buffer arrives in pieces, each read as a line.
   while (fgets(buffer, sizeof buffer, file.get()) != nullptr) {

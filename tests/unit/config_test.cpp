@@ -25,10 +25,13 @@ TEST(LoadConfig, ReadsEachLineByItsRules) {
   const std::string bad = std::to_string(DAXO_Error_WrongConfigParams);
   const std::pair<std::string, std::string> cases[] = {
       {req + "  \t MqttKeepAlive 45\n", "0 h.local:8883 45"},  // leading blanks
-      {req + "   # MqttKeepAlive 45\n-MqttKeepAlive 4\nColour 5\n", "0 h.local:8883 0"},
-      {"mqtthost x\n" + req.substr(17), bad + " -:8883 0"},      // keys are case-sensitive
-      {req + "MqttPort=1883\n", bad + " h.local:0 0"},           // '=' belongs to the value
-      {req + "MqttHost second\nMqttHost\n", "0 second:8883 0"},  // the last value, if any
+      // Keep-alive is on unless the file turns it off.
+      {req + "   # MqttKeepAlive 45\n-MqttKeepAlive 4\nColour 5\n", "0 h.local:8883 60"},
+      {req + "MqttKeepAlive\n", "0 h.local:8883 60"},  // a key without a value is absent
+      {req + "MqttKeepAlive 0\n", "0 h.local:8883 0"},
+      {"mqtthost x\n" + req.substr(17), bad + " -:8883 60"},      // keys are case-sensitive
+      {req + "MqttPort=1883\n", bad + " h.local:0 60"},           // '=' belongs to the value
+      {req + "MqttHost second\nMqttHost\n", "0 second:8883 60"},  // the last value, if any
       {"MqttKeepAlive 3\r\nMqttHost a b \t\r\n" + req.substr(17), "0 a b:8883 3"},
       {req + "MqttKeepAlive 7", "0 h.local:8883 7"},  // no final newline
       {req + "MqttKeepAlive 99999999999999\n", "0 h.local:8883 " + std::to_string(INT_MAX)},

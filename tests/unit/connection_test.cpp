@@ -12,7 +12,7 @@ TEST_F(FakeClientTest, ConnectSetsUpTheMainInstanceAndReportsOnlyOnceSubscribed)
   ASSERT_EQ(DAXO_Connect(client), DAXO_Error_Success);
   FakeMqtt& fake = *FakeMqtt::Last();
   std::string certs = client->certFolder;
-  EXPECT_EQ(fake.id + " " + fake.connects.at(0), "client-1 localhost:8883:0");
+  EXPECT_EQ(fake.id + " " + fake.connects.at(0), "client-1 localhost:8883:60");
   EXPECT_EQ(fake.reconnectDelay, (std::vector<unsigned>{1, 1, 0}));
   EXPECT_EQ(fake.tls, client->caFile + (" " + certs + "/cert.crt " + certs + "/priv_key.key"));
   // Refusals and disconnections reach the application; acceptance subscribes first.

@@ -44,7 +44,7 @@ TEST_F(ProvisioningTest, SendsTheRequestOnceTheProvisioningPortIsUp) {
   ASSERT_EQ(DAXO_ProvisionClient(client), DAXO_Error_Success);
   FakeMqtt& fake = *FakeMqtt::Last();
   EXPECT_EQ(fake.tls, client->caFile + std::string("  ")) << "no client certificate yet";
-  EXPECT_EQ(fake.connects.at(0), "localhost:8884:0");
+  EXPECT_EQ(fake.connects.at(0), "localhost:8884:60");
   fake.FireConnect(3);
   fake.subscribeResult = MOSQ_ERR_NO_CONN;
   fake.FireConnect(0);
