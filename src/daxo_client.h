@@ -8,12 +8,18 @@
  * request returns at once; the agent's answer arrives later through a
  * callback.
  *
- * Threads: every function here is called from the application's own
- * threads. Callbacks run on threads of the library (named with each
+ * Threads: callbacks run on threads of the library (named with each
  * callback type below); strings passed to a callback belong to the library
  * and are valid only during the call. Set every callback before
- * DAXO_ProvisionClient and DAXO_Connect, and never delete a client from
- * inside one of its callbacks.
+ * DAXO_ProvisionClient and DAXO_Connect. Inside any callback but OnLog, an
+ * application may call every request, DAXO_Connect, DAXO_Disconnect and
+ * DAXO_ProvisionClient: the last three then check their arguments, hand
+ * the work to the client's watch thread and return DAXO_Error_Success, a
+ * later failure reaching OnConnect, OnDisconnect or OnProvisionClient from
+ * the watch thread. OnLog must not call the library. DAXO_DeleteClient and
+ * DAXO_LibCleanup are never called from a callback. Hold no lock of your
+ * own across DAXO_Connect, DAXO_Disconnect or DAXO_DeleteClient that a
+ * callback takes: they stop network threads that may be running it.
  *
  * This header compiles as C11 and as C++.
  */
@@ -262,8 +268,11 @@ typedef struct DAXO_MetricMetadataTag {
 typedef void (*DAXO_OnLog)(DAXO_Client* client, const char* line, void* callbackParameter);
 
 /* Outcome of a connection: DAXO_Error_Success once the client's topic tree
- * is subscribed (after every automatic reconnection too), or the broker's
- * refusal. Runs on the connection's network thread. */
+ * is subscribed (after every automatic reconnection too), the broker's
+ * refusal, or DAXO_Error_ConnectionFailed for a refused subscription. Runs
+ * on the connection's network thread; on the watch thread when a
+ * DAXO_Connect made inside a callback, or a certificate renewal's
+ * reconnection, could not be started (the watch thread then tries again). */
 typedef void (*DAXO_OnConnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
 /* End of the connection: DAXO_Error_Success when the application asked for
@@ -303,8 +312,9 @@ typedef void (*DAXO_OnDescribeMetric)(DAXO_Client* client, const char* sensorId,
                                       DAXO_ApiError err);
 
 /* Outcome of DAXO_ProvisionClient. Runs on the provisioning connection's
- * network thread, or on the caller's thread for
- * DAXO_Error_AlreadyProvisioned. */
+ * network thread, on the caller's thread for DAXO_Error_AlreadyProvisioned,
+ * or on the watch thread when the agent does not answer within 30 s or a
+ * call made inside a callback fails. */
 typedef void (*DAXO_OnProvisionClient)(DAXO_Client* client, void* callbackParameter,
                                        DAXO_Error err);
 
@@ -347,7 +357,7 @@ typedef void (*DAXO_OnDeleteSensorJob)(DAXO_Client* client, const char* sensorId
 DAXO_EXPORT DAXO_Error DAXO_LibInit(void) DAXO_NOEXCEPT;
 
 /* DAXO_LibCleanup releases the library once, after the last client has
- * been deleted. Always returns DAXO_Error_Success. */
+ * been deleted, never from a callback. Always returns DAXO_Error_Success. */
 DAXO_EXPORT DAXO_Error DAXO_LibCleanup(void) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
@@ -376,8 +386,10 @@ DAXO_EXPORT DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackPara
 
 /* DAXO_DeleteClient stops the client's watch thread, disconnects and
  * releases its connections and frees the client. Call it from the
- * application's thread, never from a callback. Returns
- * DAXO_Error_InvalidArguments for a null client, else DAXO_Error_Success. */
+ * application's thread: inside a callback (on any of the library's threads)
+ * it returns DAXO_Error_InvalidArguments at once and deletes nothing.
+ * Returns DAXO_Error_InvalidArguments for a null client, else
+ * DAXO_Error_Success. */
 DAXO_EXPORT DAXO_Error DAXO_DeleteClient(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_GetClientId returns the client identifier (the common name of the
@@ -446,8 +458,12 @@ DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
  * created with mode 0700), sends a certificate request to the agent over
  * the provisioning port and returns DAXO_Error_Success: the outcome arrives
  * later through OnProvisionClient, on the provisioning connection's network
- * thread, and on success DAXO_GetClientId names the client. Calling it
- * again while a request is pending replaces that request.
+ * thread, and on success DAXO_GetClientId names the client. An exchange
+ * the agent does not answer within 30 s ends with DAXO_Error_ClientProvision
+ * (from the watch thread), as does an error reply that cannot be read.
+ * Calling it again while a request is pending replaces that request. All
+ * provisioning connections use the MQTT identifier "myid": processes that
+ * provision at the same time on one broker take it from each other.
  *
  * Other results: DAXO_Error_InvalidArguments, DAXO_Error_NoMemory,
  * DAXO_Error_GetClientId, DAXO_Error_CreateProvisionCertificate,
@@ -460,8 +476,9 @@ DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
 DAXO_EXPORT DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_DeprovisionClient asks the agent to forget the client. Once the
- * broker has acknowledged the request, the library stops the watch thread,
- * deletes "priv_key.key" and "cert.crt" and calls OnDeprovisionClient; this
+ * broker has acknowledged the request, the library ends the daily
+ * certificate checks, deletes "priv_key.key" and "cert.crt" and calls
+ * OnDeprovisionClient (network thread); this
  * completion needs a deprovision callback to be set. Returns
  * DAXO_Error_InvalidArguments for a null or unprovisioned client, or the
  * result of handing the request to the transport. */
@@ -475,9 +492,12 @@ DAXO_EXPORT DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) DAXO_NOEXCEPT
  * mutual TLS (CaFile, and "cert.crt" and "priv_key.key" in CertFolder) and
  * starts the connection's network thread. It returns once the attempt has
  * started; OnConnect reports DAXO_Error_Success when the client's topics are
- * subscribed, and again after every automatic reconnection (one attempt a
- * second after a loss). A previous connection of the client is closed and
- * released first. Returns DAXO_Error_InvalidArguments for a null or
+ * subscribed (DAXO_Error_ConnectionFailed when the broker refuses the
+ * subscription), and again after every automatic reconnection (one attempt
+ * a second after a loss; an attempt not accepted within 10 s, growing to
+ * 60 s, is started again). A previous connection of the client is closed
+ * and released first. Inside a callback it returns at once (see Threads
+ * above). Returns DAXO_Error_InvalidArguments for a null or
  * unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed,
  * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
  * DAXO_Error_Unknown or DAXO_Error_Success. */
@@ -493,7 +513,8 @@ DAXO_EXPORT DAXO_Error DAXO_CheckConnection(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_Disconnect asks the broker to close the main connection and stops
  * its network thread; OnDisconnect then reports DAXO_Error_Success. A
- * client that is not connected is left alone. Returns DAXO_Error_Success,
+ * client that is not connected is left alone. Inside a callback it returns
+ * at once (see Threads above). Returns DAXO_Error_Success,
  * DAXO_Error_InvalidArguments or DAXO_Error_NoThreadSupport. */
 DAXO_EXPORT DAXO_Error DAXO_Disconnect(DAXO_Client* client) DAXO_NOEXCEPT;
 
