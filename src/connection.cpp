@@ -199,7 +199,7 @@ DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept 
   DAXO_Error err = StartAttempt(client, mi, client->mqttPort, client->mainWatch);
   if (err == DAXO_Error_Success) {
     Store(client->polling, 1);
-    client->wantMain = 0;  // from now on the running attempt is supervised
+    Store(client->wantMain, 0);  // from now on the running attempt is supervised
   }
   return err;
 }
@@ -225,14 +225,14 @@ void ReleaseProvisioning(DAXO_Client* client) noexcept {
 }
 
 void ReleaseConnections(DAXO_Client* client) noexcept {
-  client->wantMain = 0;
+  Store(client->wantMain, 0);
   ReleaseMain(client);
   ReleaseProvisioning(client);
 }
 
 // Nobody waited for this connection: the owner tries again later.
 void ReportConnectFailure(DAXO_Client* client, DAXO_Error err) noexcept {
-  client->wantMain = 1;
+  Store(client->wantMain, 1);
   LogFormat(client, "Connection to %s:%d could not be started: %s", client->mqttHost,
             client->mqttPort, DAXO_ErrorName(err));
   ReportConnect(client, err);

@@ -20,7 +20,7 @@ DAXO_Error Execute(DAXO_Client* client, OwnerCommand command,
     case OwnerConnect:
       return daxo::ConnectNow(client, record);
     case OwnerDisconnect:
-      client->wantMain = 0;
+      daxo::Store(client->wantMain, 0);
       return daxo::DisconnectMain(client);
     case OwnerProvision:
       return ProvisionClient(client, record);

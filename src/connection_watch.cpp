@@ -60,7 +60,7 @@ bool OutageToReport(DAXO_Client* client) noexcept {
 // With ownerMutex held; true when the application is to hear of an outage.
 bool SuperviseMain(DAXO_Client* client) noexcept {
   ConnectionWatch& watch = client->mainWatch;
-  if (client->wantMain) {
+  if (daxo::Load(client->wantMain)) {
     // The last connection could not even be started: start a new one once
     // its grace has passed.
     if (Waited(watch) < Read(watch.graceMs)) return false;
@@ -135,7 +135,7 @@ void SuperviseConnections(DAXO_Client* client) noexcept {
 }
 
 bool NeedsSupervision(const DAXO_Client* client) noexcept {
-  return Load(client->polling) || Load(client->provisionLoopStarted) || client->wantMain ||
+  return Load(client->polling) || Load(client->provisionLoopStarted) || Load(client->wantMain) ||
          __atomic_load_n(&client->provisionDeadlineMs, __ATOMIC_ACQUIRE) != 0;
 }
 

@@ -107,7 +107,7 @@ struct DAXO_ClientTag {
   pthread_mutex_t instanceMutex;
   ConnectionWatch mainWatch;
   ConnectionWatch provisionWatch;
-  int wantMain;  // the main connection must be started again (ownerMutex)
+  int wantMain;  // the main connection must be started again (written with ownerMutex)
 
   // Work handed to the watch thread, guarded by certCheckThreadMutex: tasks
   // from library threads, and a reconnection with new certificate files or

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <thread>
 #include <string>
 #include <vector>
@@ -88,8 +89,10 @@ class FakeClientTest : public ::testing::Test {
   }
   static std::string Str(const char* s) { return s != nullptr ? s : "null"; }
   static FakeClientTest& Self(void* p) { return *static_cast<FakeClientTest*>(p); }
+  // Lines come from the watch thread too.
   static void CaptureLog(DAXO_Client*, const char* line, void* self) {
     alloc_failure::Suspend unarmed;
+    std::lock_guard lock(Self(self).logsMutex);
     Self(self).logs.push_back(line);
   }
 
@@ -132,6 +135,7 @@ class FakeClientTest : public ::testing::Test {
   DAXO_Client* client = nullptr;
   std::vector<Call> calls;
   std::vector<std::string> logs;
+  std::mutex logsMutex;
 };
 
 #endif

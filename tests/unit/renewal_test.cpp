@@ -119,7 +119,10 @@ TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHa
     fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
                  Answer(authority ? "certificate authority" : "client certificate",
                         "20000101T000000", c.answer));
-    if (!authority) fake.Deliver("/v1.0/client-1/renewCertificate/inbox", testcert::SelfSigned("x"));
+    if (!authority) {
+      Settle();  // the request, made on the watch thread, comes before its answer
+      fake.Deliver("/v1.0/client-1/renewCertificate/inbox", testcert::SelfSigned("x"));
+    }
     std::future<DAXO_Error> result = reported.get_future();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_EQ(result.get(), DAXO_Error_InvalidArguments);
