@@ -196,6 +196,7 @@ DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept 
   LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
             client->mqttPort, client->mqttKeepAlive);
   Store(client->mainWatch.lossReported, 0);
+  __atomic_store_n(&client->mainWatch.downSinceMs, 0, __ATOMIC_RELEASE);
   DAXO_Error err = StartAttempt(client, mi, client->mqttPort, client->mainWatch);
   if (err == DAXO_Error_Success) {
     Store(client->polling, 1);

@@ -1,9 +1,13 @@
 // Connection supervision, run by the owner. libmosquitto gives up without
-// any callback in two cases: an asynchronous connect issued while the broker
-// is unreachable never completes, and a TLS failure while reconnecting ends
-// the network thread. An attempt that has not been accepted within its grace
-// time is therefore restarted; the grace grows from 10 s to 60 s so that a
-// slow link is given time, and the application hears of the outage once.
+// any callback in two cases: an asynchronous connect refused by the broker's
+// host never completes (its thread spins on the dead socket, holding a
+// core), and a TLS failure while reconnecting ends the network thread. A
+// refused connection is therefore stopped at once and tried again a second
+// later, and an attempt with no socket that has not been accepted within its
+// grace is restarted; the grace grows from 10 s to 60 s. An attempt whose
+// socket is open (connecting, or in its TLS handshake) is left to
+// libmosquitto, however slow the link. The application hears of the outage
+// once.
 #include <ctime>
 
 #include "daxo_internal.h"
@@ -15,6 +19,12 @@ constexpr long long kLongestGraceMs = 60000;
 // The application hears of a connection that does not come up after this,
 // whatever the grace of the attempt.
 constexpr long long kReportMs = 2000;
+// A refused connection is tried again after this, as libmosquitto retries a
+// lost one.
+constexpr long long kRetryMs = 1000;
+// How long a new attempt may take to be refused before its loop starts:
+// a refusal comes within a round trip.
+constexpr int kRefusalWaitMs = 100;
 
 long long Read(const long long& value) noexcept { return __atomic_load_n(&value, __ATOMIC_ACQUIRE); }
 void Write(long long& value, long long v) noexcept { __atomic_store_n(&value, v, __ATOMIC_RELEASE); }
@@ -37,6 +47,17 @@ bool Stalled(const ConnectionWatch& watch, long long after) noexcept {
   return !daxo::Load(watch.connected) && Waited(watch) >= after;
 }
 
+// Down for that long, however many attempts were made meanwhile.
+bool DownFor(const ConnectionWatch& watch, long long after) noexcept {
+  long long since = Read(watch.downSinceMs);
+  return !daxo::Load(watch.connected) && since != 0 && daxo::NowMs() - since >= after;
+}
+
+void Grow(ConnectionWatch& watch) noexcept {
+  long long longer = Read(watch.graceMs) * 2;
+  Write(watch.graceMs, Jittered(longer < kLongestGraceMs ? longer : kLongestGraceMs));
+}
+
 // Stops whatever the instance's thread is doing (it may be parked for good)
 // and starts a new attempt, with a longer grace than the last.
 void Restart(DAXO_Client* client, MosquittoInterface* mi, int port,
@@ -45,10 +66,33 @@ void Restart(DAXO_Client* client, MosquittoInterface* mi, int port,
                   client->mqttHost, port, Read(watch.graceMs) / 1000);
   mi->mosquittoDisconnectFunction(mi);
   mi->mosquittoLoopStopFunction(mi, 1);
-  long long longer = Read(watch.graceMs) * 2;
-  Write(watch.graceMs, Jittered(longer < kLongestGraceMs ? longer : kLongestGraceMs));
+  Grow(watch);
   if (daxo::StartAttempt(client, mi, port, watch) != DAXO_Error_Success)
     daxo::LogFormat(client, "Connection to %s:%d failed to start", client->mqttHost, port);
+}
+
+// One attempt of an instance that has not been accepted yet.
+void SuperviseAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
+                      ConnectionWatch& watch) noexcept {
+  if (daxo::Load(watch.connected)) return;
+  if (long long retryAt = Read(watch.retryAtMs); retryAt != 0) {
+    if (daxo::NowMs() >= retryAt && daxo::StartAttempt(client, mi, port, watch) != DAXO_Error_Success)
+      daxo::LogFormat(client, "Connection to %s:%d failed to start", client->mqttHost, port);
+    return;
+  }
+  switch (daxo::MosquittoSocketState(mi, 0)) {
+    case daxo::SocketState::kFailed:
+      mi->mosquittoDisconnectFunction(mi);
+      mi->mosquittoLoopStopFunction(mi, 1);
+      Write(watch.retryAtMs, daxo::NowMs() + kRetryMs);
+      return;
+    case daxo::SocketState::kOpen:
+      return;  // libmosquitto is still working on it
+    case daxo::SocketState::kNone:
+    case daxo::SocketState::kUnknown:
+      if (Stalled(watch, Read(watch.graceMs))) Restart(client, mi, port, watch);
+      return;
+  }
 }
 
 // True once per outage of the main connection: the application is to hear
@@ -64,24 +108,22 @@ bool SuperviseMain(DAXO_Client* client) noexcept {
     // The last connection could not even be started: start a new one once
     // its grace has passed.
     if (Waited(watch) < Read(watch.graceMs)) return false;
-    long long longer = Read(watch.graceMs) * 2;
-    Write(watch.graceMs, Jittered(longer < kLongestGraceMs ? longer : kLongestGraceMs));
+    Grow(watch);
     if (daxo::ConnectNow(client, nullptr) != DAXO_Error_Success) daxo::WatchAttempt(watch);
     return false;
   }
   if (!daxo::Load(client->polling)) return false;
-  bool report = Stalled(watch, kReportMs) && OutageToReport(client);
-  if (Stalled(watch, Read(watch.graceMs)))
-    Restart(client, client->mosq, client->mqttPort, watch);
+  bool report = DownFor(watch, kReportMs) && OutageToReport(client);
+  SuperviseAttempt(client, client->mosq, client->mqttPort, watch);
   return report;
 }
 
 // Only the first connection of the provisioning instance is looked after:
 // an exchange that cannot start must not wait for ever.
 void SuperviseProvisioning(DAXO_Client* client) noexcept {
-  ConnectionWatch& watch = client->provisionWatch;
-  if (daxo::Load(client->provisionLoopStarted) && Stalled(watch, Read(watch.graceMs)))
-    Restart(client, client->mosqProvision, client->mqttProvisionPort, watch);
+  if (daxo::Load(client->provisionLoopStarted))
+    SuperviseAttempt(client, client->mosqProvision, client->mqttProvisionPort,
+                     client->provisionWatch);
 }
 
 }  // namespace
@@ -96,6 +138,8 @@ long long NowMs() noexcept {
 
 void WatchAttempt(ConnectionWatch& watch) noexcept {
   Store(watch.connected, 0);
+  Write(watch.retryAtMs, 0);
+  if (Read(watch.downSinceMs) == 0) Write(watch.downSinceMs, NowMs());
   Write(watch.sinceMs, NowMs());
   if (Read(watch.graceMs) == 0) Write(watch.graceMs, kFirstGraceMs);
 }
@@ -104,10 +148,12 @@ void WatchConnected(ConnectionWatch& watch) noexcept {
   Store(watch.lossReported, 0);
   Store(watch.connected, 1);
   Write(watch.graceMs, kFirstGraceMs);
+  Write(watch.downSinceMs, 0);
 }
 
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept {
   if (reported) Store(watch.lossReported, 1);
+  Write(watch.downSinceMs, NowMs());
   WatchAttempt(watch);
 }
 
@@ -116,6 +162,12 @@ DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
   WatchAttempt(watch);
   int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, port, client->mqttKeepAlive);
   if (rc != MOSQ_ERR_SUCCESS) return ConnectResultToError(rc);
+  // A refused connection would only make the new thread spin: the attempt
+  // counts as started and is tried again a second later.
+  if (MosquittoSocketState(mi, kRefusalWaitMs) == SocketState::kFailed) {
+    Write(watch.retryAtMs, NowMs() + kRetryMs);
+    return DAXO_Error_Success;
+  }
   rc = mi->mosquittoLoopStartFunction(mi);
   return LoopStartResultToError(rc);
 }

@@ -333,13 +333,14 @@ void EndStalledExchange(DAXO_Client* client) noexcept {
 extern "C" DAXO_Error ProvisionClient(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   if (DAXO_Error err = PrepareRequest(client); err != DAXO_Error_Success) return err;
+  // Pending before the request can leave: the answer may come at once.
+  __atomic_store_n(&client->provisionDeadlineMs, daxo::NowMs() + client->provisionTimeoutMs,
+                   __ATOMIC_RELEASE);
   DAXO_Error err = daxo::Load(client->provisionLoopStarted) ? SendRequest(client)
                                                              : StartProvisioning(client, mosquitto);
   if (err != DAXO_Error_Success) {
+    __atomic_store_n(&client->provisionDeadlineMs, 0, __ATOMIC_RELEASE);
     FreeProvisionData(client);
-    return err;
   }
-  __atomic_store_n(&client->provisionDeadlineMs, daxo::NowMs() + client->provisionTimeoutMs,
-                   __ATOMIC_RELEASE);
-  return DAXO_Error_Success;
+  return err;
 }

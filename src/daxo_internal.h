@@ -30,6 +30,8 @@ typedef struct ConnectionWatchTag {
   int lossReported;   // the application has been told of this outage
   long long sinceMs;  // monotonic time of the last attempt or loss
   long long graceMs;  // how long the current attempt may take before a restart
+  long long retryAtMs;  // a refused attempt's loop is stopped until then; 0: none
+  long long downSinceMs;  // when the connection went, or was first tried; 0: up
 } ConnectionWatch;
 
 // A change to a client's connections asked for on a library thread, which

@@ -86,6 +86,18 @@ DAXO_EXPORT void MosquittoLibCleanup(void) DAXO_NOEXCEPT;
 
 #ifdef __cplusplus
 }
+
+namespace daxo {
+
+// The socket of an instance made by CreateMosquittoClient: none (between
+// attempts, or its thread has ended), open (connecting, shaking hands or
+// connected), or failed (a connection that will never complete). Unknown
+// for any other transport. Waits up to waitMs for a connection that is
+// still being made to succeed or fail.
+enum class SocketState { kUnknown, kNone, kOpen, kFailed };
+SocketState MosquittoSocketState(MosquittoInterface* mi, int waitMs) noexcept;
+
+}  // namespace daxo
 #endif
 
 #endif

@@ -1,5 +1,7 @@
 // The production side of MosquittoInterface: each entry forwards to
 // libmosquitto with the instance's handle and returns its result unchanged.
+#include <poll.h>
+
 #include <cstdlib>
 #include <new>
 
@@ -115,6 +117,27 @@ void DestroyMosquittoClient(MosquittoInterface* mosqInterface) noexcept {
   if (mosqInterface->mosq != nullptr) mosquitto_destroy(Handle(mosqInterface));
   free(mosqInterface);
 }
+
+}  // extern "C"
+
+namespace daxo {
+
+// libmosquitto reports neither case: a socket whose connection failed (it
+// then spins on it for ever) and one still connecting or shaking hands.
+SocketState MosquittoSocketState(MosquittoInterface* mi, int waitMs) noexcept {
+  if (mi == nullptr || mi->mosquittoLoopStartFunction != MosquittoLoopStart || mi->mosq == nullptr)
+    return SocketState::kUnknown;
+  int fd = mosquitto_socket(Handle(mi));
+  if (fd < 0) return SocketState::kNone;
+  pollfd probe{fd, POLLOUT, 0};
+  if (poll(&probe, 1, waitMs) == 1 && (probe.revents & (POLLHUP | POLLERR)) != 0)
+    return SocketState::kFailed;
+  return SocketState::kOpen;
+}
+
+}  // namespace daxo
+
+extern "C" {
 
 void MosquittoLibInit(void) noexcept { mosquitto_lib_init(); }
 
