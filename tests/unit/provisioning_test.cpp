@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <future>
 
 #include "client_fixture.h"
 #include "test_certificates.h"
@@ -128,6 +129,32 @@ TEST_F(ProvisioningTest, AStoredIdentityIsOnlyReadAndDeprovisioningRemovesIt) {
   std::ofstream(File("/cert.crt")) << "garbage";
   std::ofstream(File("/priv_key.key")) << "key";
   EXPECT_EQ(DAXO_ProvisionClient(client), DAXO_Error_GetClientId) << "an unreadable identity";
+}
+
+}  // namespace
+
+namespace {
+
+// An agent that never answers: the exchange ends with a failure after its
+// time limit, from the watch thread, and releases its connection.
+TEST_F(ProvisioningTest, AnUnansweredExchangeEndsWithAFailure) {
+  static std::promise<int>* outcome;
+  std::promise<int> reported;
+  outcome = &reported;
+  DAXO_ProvisionClientCallbackSet(client, [](DAXO_Client*, void*, DAXO_Error err) {
+    outcome->set_value(err);
+  });
+  client->provisionTimeoutMs = 0;  // the unit tests' monotonic clock stands still
+  ASSERT_EQ(DAXO_ProvisionClient(client), DAXO_Error_Success);
+  FakeMqtt& fake = *FakeMqtt::Last();
+  std::future<int> result = reported.get_future();
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(result.get(), DAXO_Error_ClientProvision);
+  Settle();
+  EXPECT_TRUE(fake.destroyed) << "the connection is released";
+  EXPECT_EQ(client->mosqProvision, nullptr);
+  EXPECT_EQ(client->provisionDigest, nullptr);
+  DAXO_ProvisionClientCallbackSet(client, nullptr);
 }
 
 }  // namespace
