@@ -8,6 +8,8 @@
 namespace fake_time {
 
 void SetNow(time_t now);  // -1: the real clock again
+// CLOCK_BOOTTIME is frozen unless a test lets it run.
+void RunBootClock(bool runs);
 
 struct Scope {
   explicit Scope(time_t now) { SetNow(now); }

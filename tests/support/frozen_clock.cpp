@@ -1,18 +1,23 @@
 // Clocks of the unit tests. Connection supervision measures attempts on
 // CLOCK_BOOTTIME; freezing it keeps the library from restarting fake
-// connections behind a test's back. time() stays real unless a test fixes
-// it, so that date arithmetic runs against a known "now".
+// connections behind a test's back, unless a test over real network threads
+// lets it run. time() stays real unless a test fixes it, so that date
+// arithmetic runs against a known "now".
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "fake_time.h"
 
 namespace {
 volatile time_t fixedNow = -1;
-}
+std::atomic<bool> bootClockRuns{false};  // read by the library's threads
+}  // namespace
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* tp) {
-  if (clock != CLOCK_BOOTTIME) return static_cast<int>(syscall(SYS_clock_gettime, clock, tp));
+  if (clock != CLOCK_BOOTTIME || bootClockRuns)
+    return static_cast<int>(syscall(SYS_clock_gettime, clock, tp));
   *tp = {1000, 0};
   return 0;
 }
@@ -27,3 +32,4 @@ extern "C" time_t time(time_t* out) {
 }
 
 void fake_time::SetNow(time_t now) { fixedNow = now; }
+void fake_time::RunBootClock(bool runs) { bootClockRuns = runs; }

@@ -32,6 +32,32 @@ TEST_F(FakeClientTest, ConnectSetsUpTheMainInstanceAndReportsOnlyOnceSubscribed)
   EXPECT_EQ(fake.publishes[0].payload, R"({"request":"CheckProvisioning"})") << "without its NUL";
 }
 
+// Without its subscription the client would hear nothing from the agent.
+TEST_F(FakeClientTest, ARefusedSubscriptionIsAFailedConnection) {
+  const struct {
+    const char* refusal;
+    int subscribeResult, grantedQos;
+  } cases[] = {
+      {"subscribe call fails", MOSQ_ERR_NOMEM, 2},
+      {"no connection to subscribe on", MOSQ_ERR_NO_CONN, 2},
+      {"broker refuses", MOSQ_ERR_SUCCESS, 0x80},
+  };
+  Provisioned();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.refusal);
+    calls.clear();
+    ASSERT_EQ(DAXO_Connect(client), DAXO_Error_Success);
+    FakeMqtt& fake = *FakeMqtt::Last();
+    fake.subscribeResult = c.subscribeResult;
+    fake.FireConnect(0);
+    if (!fake.subscribes.empty()) fake.FireSubscribe(fake.subscribes[0].mid, {c.grantedQos});
+    std::string got;
+    for (const Call& call : calls)
+      got += call.name + " " + DAXO_ErrorName(DAXO_Error(call.code)) + ";";
+    EXPECT_EQ(got, "OnConnect DAXO_Error_ConnectionFailed;");
+  }
+}
+
 TEST_F(FakeClientTest, ConnectMapsEachStepsFailureAndReleasesEarlierInstances) {
   const struct {
     void (*configure)(FakeMqtt&);

@@ -73,6 +73,7 @@ TEST_F(ProvisioningTest, RepliesEndTheExchange) {
       {"/error", R"({"errorcode":25})", {DAXO_Error_CertificateRequest}},
       {"/error", R"({"errorcode":24})", {DAXO_Error_Unknown}},
       {"/error", "not json", {DAXO_Error_ClientProvision}},  // unreadable, yet the end
+      {"/error", R"({"errorMessage":"no code"})", {DAXO_Error_ClientProvision}},
       {"", testcert::SelfSigned("IOT-Client-4f2a9c"), {DAXO_Error_Success}},
   };
   for (const auto& c : cases) {
