@@ -93,15 +93,16 @@ TEST_F(RenewalTest, AnExpiringClientCertificateAsksForANewOneOnce) {
 }
 
 // The reconnection runs on the watch thread; a connection that cannot even
-// start ends it there at once, with its outcome reported.
+// start ends it there at once, with its outcome reported to the renewal and
+// to the application.
 TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHad) {
   static std::promise<DAXO_Error>* outcome;
   const struct {
     const char* answer;
     bool applicationOnConnect;
   } cases[] = {
+      {"", true},  // first: the other clears the recording OnConnect for good
       {R"(,"validity":"new one available","newCa":"new authority")", false},
-      {"", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.answer);
@@ -130,6 +131,14 @@ TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHa
     EXPECT_EQ(client->OnConnect, onConnect);
     EXPECT_EQ(client->OnDisconnect, onDisconnect);
     EXPECT_EQ(client->preserveUserDefinedOnConnectCallback, nullptr);
+    // The old connection is gone: the application hears why, and the watch
+    // thread will start it again.
+    if (c.applicationOnConnect) {
+      ASSERT_FALSE(calls.empty());
+      EXPECT_EQ(calls.back().name, "OnConnect");
+      EXPECT_EQ(calls.back().code, DAXO_Error_InvalidArguments);
+    }
+    EXPECT_EQ(client->wantMain, 1);
     FakeMqtt::OnCreate(nullptr);
   }
 }
