@@ -152,7 +152,9 @@ extern "C" DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
     daxo::MutexLock lock(&client->instanceMutex);
     onMain = client->mosq != nullptr;
     MosquittoInterface* mi = onMain ? client->mosq : client->mosqProvision;
-    err = daxo::PublishOn(mi, topic, message, message_len, messageId);
+    const ConnectionWatch& watch = onMain ? client->mainWatch : client->provisionWatch;
+    err = watch.sendable ? daxo::PublishOn(mi, topic, message, message_len, messageId)
+                         : DAXO_Error_NoConnectionToServer;
   }
   if (onMain) daxo::LogFormat(client, "SendMessage: %s", message);
   return err;
@@ -207,6 +209,7 @@ DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept 
 
 DAXO_Error DisconnectMain(DAXO_Client* client) noexcept {
   if (!Load(client->polling)) return DAXO_Error_Success;
+  SetSendable(client, client->mainWatch, 0);
   MosquittoInterface* mi = client->mosq;
   int rc = mi->mosquittoDisconnectFunction(mi);
   Store(client->polling, 0);

@@ -64,6 +64,7 @@ void Restart(DAXO_Client* client, MosquittoInterface* mi, int port,
              ConnectionWatch& watch) noexcept {
   daxo::LogFormat(client, "Connection to %s:%d not established within %lld s; trying again",
                   client->mqttHost, port, Read(watch.graceMs) / 1000);
+  daxo::SetSendable(client, watch, 0);
   mi->mosquittoDisconnectFunction(mi);
   mi->mosquittoLoopStopFunction(mi, 1);
   Grow(watch);
@@ -82,6 +83,7 @@ void SuperviseAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
   }
   switch (daxo::MosquittoSocketState(mi, 0)) {
     case daxo::SocketState::kFailed:
+      daxo::SetSendable(client, watch, 0);
       mi->mosquittoDisconnectFunction(mi);
       mi->mosquittoLoopStopFunction(mi, 1);
       Write(watch.retryAtMs, daxo::NowMs() + kRetryMs);
@@ -169,7 +171,13 @@ DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
     return DAXO_Error_Success;
   }
   rc = mi->mosquittoLoopStartFunction(mi);
+  if (rc == MOSQ_ERR_SUCCESS) SetSendable(client, watch, 1);
   return LoopStartResultToError(rc);
+}
+
+void SetSendable(DAXO_Client* client, ConnectionWatch& watch, int sendable) noexcept {
+  MutexLock lock(&client->instanceMutex);
+  watch.sendable = sendable;
 }
 
 void SuperviseConnections(DAXO_Client* client) noexcept {

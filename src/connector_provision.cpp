@@ -15,6 +15,7 @@
 
 extern "C" void ProvisionDisconnect(DAXO_Client* client) noexcept {
   if (client == nullptr || !daxo::Load(client->provisionLoopStarted)) return;
+  daxo::SetSendable(client, client->provisionWatch, 0);
   MosquittoInterface* mi = client->mosqProvision;
   int rc = mi->mosquittoDisconnectFunction(mi);
   daxo::Store(client->provisionLoopStarted, 0);
@@ -261,6 +262,13 @@ DAXO_Error PrepareRequest(DAXO_Client* client) noexcept {
   return DAXO_Error_Success;
 }
 
+// A connection that is not running yet sends the pending request once it
+// is accepted.
+DAXO_Error ResendRequest(DAXO_Client* client) noexcept {
+  daxo::MutexLock lock(&client->instanceMutex);
+  return client->provisionWatch.sendable ? SendRequest(client) : DAXO_Error_Success;
+}
+
 DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   // An instance left by a failed attempt is replaced, not leaked.
   daxo::ReleaseProvisioning(client);
@@ -336,7 +344,7 @@ extern "C" DAXO_Error ProvisionClient(DAXO_Client* client, MosquittoInterface* m
   // Pending before the request can leave: the answer may come at once.
   __atomic_store_n(&client->provisionDeadlineMs, daxo::NowMs() + client->provisionTimeoutMs,
                    __ATOMIC_RELEASE);
-  DAXO_Error err = daxo::Load(client->provisionLoopStarted) ? SendRequest(client)
+  DAXO_Error err = daxo::Load(client->provisionLoopStarted) ? ResendRequest(client)
                                                              : StartProvisioning(client, mosquitto);
   if (err != DAXO_Error_Success) {
     __atomic_store_n(&client->provisionDeadlineMs, 0, __ATOMIC_RELEASE);

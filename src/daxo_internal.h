@@ -32,6 +32,10 @@ typedef struct ConnectionWatchTag {
   long long graceMs;  // how long the current attempt may take before a restart
   long long retryAtMs;  // a refused attempt's loop is stopped until then; 0: none
   long long downSinceMs;  // when the connection went, or was first tried; 0: up
+  // Its network thread runs, so a publish is queued for it; without one,
+  // libmosquitto would write on a socket still being set up. Guarded by
+  // instanceMutex.
+  int sendable;
 } ConnectionWatch;
 
 // A change to a client's connections asked for on a library thread, which
@@ -507,6 +511,8 @@ long long NowMs() noexcept;  // monotonic, counting suspended time
 void WatchAttempt(ConnectionWatch& watch) noexcept;  // an attempt starts now
 void WatchConnected(ConnectionWatch& watch) noexcept;
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
+// Whether other threads may publish on the watch's instance.
+void SetSendable(DAXO_Client* client, ConnectionWatch& watch, int sendable) noexcept;
 // Connects mi asynchronously to port and starts its network thread, as an
 // attempt watch looks after.
 DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
