@@ -1,6 +1,8 @@
 // Faults in a connection's life that used to hang the application or never
 // end: callbacks that reconnect or give up, a link slower than the first
-// grace, and a deprovisioning that meets a disconnection.
+// grace, a deprovisioning that meets a disconnection, and a broker that comes
+// and goes while the application pushes and reconnects at random.
+// DAXO_CHAOS_SECONDS sets the length of the last (20 by default).
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,6 +23,7 @@
 #include <mutex>
 #include <optional>
 #include <ostream>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -306,6 +309,185 @@ TEST_F(DeprovisioningTest, ADisconnectionAsTheDeprovisioningCompletesNeitherHang
     EXPECT_TRUE(fs::is_empty(c->CertFolder()));
   }
   DeleteWithin(c);
+}
+
+// The application's part in the chaos: while it acts, its callbacks count
+// what happens and reconnect at random.
+class ChaoticClient : public LibraryClient {
+ public:
+  struct Counts {
+    std::atomic<long> connected{0}, refused{0}, lost{0}, closed{0}, answered{0}, answerErrors{0},
+        connectCalls{0}, cycleCalls{0}, callFailures{0};
+  };
+
+  ChaoticClient(TestEnvironment& env, const ClientConfig& config, unsigned seed)
+      : LibraryClient(env, config), random_(seed) {
+    DAXO_LogCallbackSet(*this, [](DAXO_Client*, const char*, void*) {});
+    DAXO_ConnectCallbackSet(*this, [](DAXO_Client* client, void* self, DAXO_Error err) {
+      ChaoticClient& c = As<ChaoticClient>(self);
+      if (!c.acting) return c.Record("connect", err);
+      ++(err == DAXO_Error_Success ? c.counts.connected : c.counts.refused);
+      c.Act(client, 10, 20);
+    });
+    DAXO_DisconnectCallbackSet(*this, [](DAXO_Client* client, void* self, DAXO_Error err) {
+      ChaoticClient& c = As<ChaoticClient>(self);
+      if (!c.acting) return c.Record("disconnect", err);
+      ++(err == DAXO_Error_Success ? c.counts.closed : c.counts.lost);
+      c.Act(client, 25, 15);
+    });
+    DAXO_PushMetricValuesCallbackSet(
+        *this, [](DAXO_Client*, void* self, const char*, DAXO_ApiError err) {
+          ChaoticClient& c = As<ChaoticClient>(self);
+          ++(err == DAXO_ApiError_NoError ? c.counts.answered : c.counts.answerErrors);
+        });
+  }
+
+  // The client's own check handed back by the broker is an answer of the
+  // wrong shape, not an outcome.
+  static void OnRenewal(DAXO_Client*, void* self, DAXO_Error err) {
+    if (err != DAXO_Error_WrongReply) As<ChaoticClient>(self).Record("renewal", err);
+  }
+
+  std::atomic<bool> acting{false};
+  Counts counts;
+
+ private:
+  // Branching below one on average, so that the calls die out between
+  // outages instead of keeping the client away for good.
+  void Act(DAXO_Client* client, int connectPercent, int cyclePercent) {
+    int roll;
+    {
+      std::lock_guard lock(randomMutex_);
+      roll = std::uniform_int_distribution(0, 99)(random_);
+    }
+    if (roll < cyclePercent) {
+      ++counts.cycleCalls;
+      counts.callFailures += DAXO_Disconnect(client) != DAXO_Error_Success;
+      counts.callFailures += DAXO_Connect(client) != DAXO_Error_Success;
+    } else if (roll < cyclePercent + connectPercent) {
+      ++counts.connectCalls;
+      counts.callFailures += DAXO_Connect(client) != DAXO_Error_Success;
+    }
+  }
+
+  std::mutex randomMutex_;
+  std::mt19937 random_;
+};
+
+struct Resources {
+  long threads = 0, fds = 0;
+  bool operator==(const Resources&) const = default;
+};
+
+Resources Count() {
+  auto entries = [](const char* folder) {
+    long n = 0;
+    for (const auto& entry : fs::directory_iterator(folder)) (void)entry, ++n;
+    return n;
+  };
+  return {entries("/proc/self/task"), entries("/proc/self/fd")};
+}
+
+// Threads end just after their last callback or join; they are given a moment.
+bool BackTo(const Resources& start, std::chrono::seconds bound = 10s) {
+  for (auto deadline = Clock::now() + bound; Count() != start; std::this_thread::sleep_for(10ms))
+    if (Clock::now() >= deadline) return false;
+  return true;
+}
+
+using ChaosTest = LibraryTest;
+
+TEST_F(ChaosTest, ABrokerThatComesAndGoesWhileTheApplicationReconnectsLeavesNothingBehind) {
+  const char* configured = std::getenv("DAXO_CHAOS_SECONDS");
+  const auto duration = std::chrono::seconds(configured ? std::atol(configured) : 20);
+  const unsigned seed = std::random_device{}();
+  std::mt19937 random(seed);
+  auto pause = [&] {
+    return std::chrono::milliseconds(std::uniform_int_distribution(1000, 5000)(random));
+  };
+
+  TestEnvironment env({"--cert-days", "10"});  // every issued certificate is due for renewal
+  std::string caCopy = (env.Folder() / "client-ca.crt").string();
+  fs::copy_file(env.CaFile(), caCopy);
+  // A sanitizer's runtime starts a thread of its own with the process's first.
+  std::thread([] {}).join();
+  const Resources before = Count();
+  auto c = std::make_unique<ChaoticClient>(env, ClientConfig{.caFile = caCopy}, seed);
+  ASSERT_TRUE(c->ProvisionAndConnect());
+  const SequenceMetric metric = CreateSequenceMetric(*c);
+  ASSERT_FALSE(metric.metricId.empty());
+
+  c->acting = true;
+  std::atomic<bool> pushing = true;
+  long made = 0, accepted = 0;
+  Resources peak = before;
+  std::thread pusher([&] {
+    for (auto next = Clock::now(); pushing; next += 100ms) {
+      std::this_thread::sleep_until(next);
+      accepted += PushSequence(*c, metric, made++) == DAXO_Error_Success;
+      Resources now = Count();
+      peak = {std::max(peak.threads, now.threads), std::max(peak.fds, now.fds)};
+    }
+  });
+  // The broker is up for 1-5 s and down for 1-5 s; a certificate renewal
+  // after a third of the time and an authority replacement after two thirds.
+  const Clock::time_point start = Clock::now();
+  int restarts = 0;
+  bool renewed = false, replaced = false;
+  auto forceDue = [&](bool all) {
+    if (!renewed && (all || Clock::now() >= start + duration / 3)) {
+      CheckClientCertificateExpirationDate(*c, ChaoticClient::OnRenewal);
+      renewed = true;
+    } else if (!replaced && (all || Clock::now() >= start + 2 * duration / 3)) {
+      env.AgentControl("offer-new-ca");
+      CheckCAExpirationDate(*c, ChaoticClient::OnRenewal);
+      replaced = true;
+    }
+  };
+  while (Clock::now() < start + duration) {
+    std::this_thread::sleep_for(pause());
+    env.StopBroker();
+    std::this_thread::sleep_for(pause());
+    env.StartBroker();
+    ++restarts;
+    forceDue(false);
+  }
+  while (!replaced) forceDue(true);
+  pushing = false;
+  pusher.join();
+  c->acting = false;
+
+  // Whatever the callbacks left queued, the client connects and is answered.
+  bool works = false;
+  for (int attempt = 0; attempt < 3 && !works; ++attempt)
+    works = DAXO_Connect(*c) == DAXO_Error_Success && c->Next("connect", 30s).code == 0 &&
+            c->CheckConnection();
+  EXPECT_TRUE(works) << "the client does not work after the chaos";
+  std::string renewals;
+  for (auto r = c->Next("renewal", 0s); r.code != LibraryClient::kNone; r = c->Next("renewal", 0s))
+    renewals += std::string(renewals.empty() ? "" : ", ") + DAXO_ErrorName(DAXO_Error(r.code));
+
+  const ChaoticClient::Counts& n = c->counts;
+  std::printf(
+      "chaos %llds, seed %u: broker restarts %d; pushes made %ld, accepted %ld, answered %ld "
+      "(%ld with an error); connections %ld, refused %ld, losses %ld, closed %ld; from callbacks "
+      "connect %ld, disconnect+connect %ld; renewal outcomes: %s\n",
+      static_cast<long long>(duration.count()), seed, restarts, made, accepted, n.answered.load(),
+      n.answerErrors.load(), n.connected.load(), n.refused.load(), n.lost.load(), n.closed.load(),
+      n.connectCalls.load(), n.cycleCalls.load(), renewals.empty() ? "none" : renewals.c_str());
+  EXPECT_EQ(n.callFailures, 0) << "a call from a callback did not return DAXO_Error_Success";
+  EXPECT_GT(n.answered, 0);
+
+  DeleteWithin(c);
+  if (c != nullptr) {
+    bool settled = BackTo(before);
+    Resources after = Count();
+    std::printf(
+        "threads %ld at the start, %ld at the peak, %ld at the end; descriptors %ld, %ld, %ld\n",
+        before.threads, peak.threads, after.threads, before.fds, peak.fds, after.fds);
+    EXPECT_TRUE(settled) << "threads " << before.threads << " -> " << after.threads
+                         << ", descriptors " << before.fds << " -> " << after.fds;
+  }
 }
 
 }  // namespace
