@@ -304,7 +304,8 @@ std::string TestEnvironment::NewCertFolder() {
 }
 
 std::string TestEnvironment::WriteClientConfig(const ClientConfig& config) {
-  std::string text = "MqttHost " + host_ + "\nMqttPort " + std::to_string(mainPort_) +
+  std::string text = "MqttHost " + host_ + "\nMqttPort " +
+                     std::to_string(config.mainPort != 0 ? config.mainPort : mainPort_) +
                      "\nMqttProvisionPort " + std::to_string(provisionPort_) +
                      "\nMqttKeepAlive 30\nCaFile " +
                      (config.caFile.empty() ? CaFile() : config.caFile) + "\nCertFolder " +

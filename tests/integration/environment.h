@@ -20,6 +20,7 @@ struct ClientConfig {                       // empty fields take the environment
   std::string certFolder{};                 // required
   std::optional<std::string> clientName{};  // the "ClientName" line, when set
   std::string caFile{};
+  int mainPort = 0;  // another port in front of the broker's main listener
 };
 
 struct CertificateTerms {

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,6 +37,8 @@ class LibraryClient {
     SetCallbacks(client_);
   }
   ~LibraryClient() { DAXO_DeleteClient(client_); }
+  // Hands the client over; this object must outlive it, since its callbacks record here.
+  DAXO_Client* Release() { return std::exchange(client_, nullptr); }
 
   operator DAXO_Client*() const { return client_; }
   DAXO_Client* operator->() const { return client_; }

@@ -22,16 +22,6 @@ using namespace std::chrono_literals;
 
 using Metric = SequenceMetric;
 
-// A sensor with one integer metric for the sequence numbers.
-Metric CreateSequenceMetric(LibraryClient& c) {
-  Metric m;
-  if (DAXO_CreateSensor(c, "counter") != DAXO_Error_Success) return m;
-  m.sensorId = c.Next("createSensor").text;
-  if (DefineSequenceMetric(c, m.sensorId) == DAXO_Error_Success)
-    m.metricId = c.Next("createMetrics").text;
-  return m;
-}
-
 // Where the test stands when a push is made. A push is counted in the phase
 // it was made in, so each phase's results are what the application saw then.
 enum Phase { kUp, kStopping, kDown, kStarting, kReconnecting, kBack, kPhases };

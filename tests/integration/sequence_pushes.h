@@ -10,6 +10,7 @@
 
 #include "daxo_client.h"
 #include "environment.h"
+#include "library_client.h"
 
 namespace daxo_test {
 
@@ -24,6 +25,17 @@ inline DAXO_Error DefineSequenceMetric(DAXO_Client* c, const std::string& sensor
   DAXO_Error err = DAXO_CreateMetrics(c, sensorId.c_str(), schemas);
   DAXO_DestroyMetricSchemaContainer(schemas);
   return err;
+}
+
+// A sensor with one integer metric for the sequence numbers; empty ids when
+// the agent did not answer.
+inline SequenceMetric CreateSequenceMetric(LibraryClient& c) {
+  SequenceMetric m;
+  if (DAXO_CreateSensor(c, "counter") != DAXO_Error_Success) return m;
+  m.sensorId = c.Next("createSensor").text;
+  if (DefineSequenceMetric(c, m.sensorId) == DAXO_Error_Success)
+    m.metricId = c.Next("createMetrics").text;
+  return m;
 }
 
 inline DAXO_Error PushSequence(DAXO_Client* c, const SequenceMetric& m, int64_t seq) {
