@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -309,6 +310,29 @@ TEST_F(DeprovisioningTest, ADisconnectionAsTheDeprovisioningCompletesNeitherHang
     EXPECT_TRUE(fs::is_empty(c->CertFolder()));
   }
   DeleteWithin(c);
+}
+
+// Pushes from another thread while the application reconnects: none may be
+// written on a connection still being set up, which the broker would see as
+// a broken TLS record. (Connections closed in their handshake leave only
+// "unexpected eof" behind.)
+TEST_F(LibraryTest, PushesWhileReconnectingNeverReachTheBrokerUnencrypted) {
+  TestEnvironment env;
+  LibraryClient c(env);
+  ASSERT_TRUE(c.ProvisionAndConnect());
+  SequenceMetric metric = CreateSequenceMetric(c);
+  std::atomic<bool> pushing = true;
+  std::thread pusher([&] {
+    for (int i = 0; pushing; ++i) PushSequence(c, metric, i);
+  });
+  for (int i = 0; i < 30; ++i) EXPECT_EQ(DAXO_Connect(c), DAXO_Error_Success);
+  pushing = false;
+  pusher.join();
+  std::ifstream log(env.Folder() / "mosquitto.log");
+  for (std::string line; std::getline(log, line);) {
+    for (const char* broken : {"wrong version number", "bad record type", "unexpected message"})
+      EXPECT_EQ(line.find(broken), std::string::npos) << line;
+  }
 }
 
 // The application's part in the chaos: while it acts, its callbacks count
