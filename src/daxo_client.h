@@ -513,7 +513,10 @@ DAXO_EXPORT DAXO_Error DAXO_CheckConnection(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_Disconnect asks the broker to close the main connection and stops
  * its network thread; OnDisconnect then reports DAXO_Error_Success. A
- * client that is not connected is left alone. Inside a callback it returns
+ * client that is not connected is left alone. The connection closes at
+ * once: a request whose delivery the broker has not yet completed (a
+ * DAXO_DeprovisionClient made just before, say) is dropped, so wait for its
+ * callback first. Inside a callback it returns
  * at once (see Threads above). Returns DAXO_Error_Success,
  * DAXO_Error_InvalidArguments or DAXO_Error_NoThreadSupport. */
 DAXO_EXPORT DAXO_Error DAXO_Disconnect(DAXO_Client* client) DAXO_NOEXCEPT;
