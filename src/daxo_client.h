@@ -705,6 +705,16 @@ DAXO_EXPORT void DAXO_DestroyCreatedMetrics(DAXO_CreatedMetrics* createdMetrics)
  * OnDescribeMetric. */
 DAXO_EXPORT void DAXO_DestroyMetricMetadata(DAXO_MetricMetadata* metricMetadata) DAXO_NOEXCEPT;
 
+/* ------------------------------------------------------------------------
+ * Version
+ * ---------------------------------------------------------------------- */
+
+/* DAXO_GetVersion returns the library's version, "MAJOR.MINOR.PATCH" (the
+ * version of its Debian packages, of its pkg-config file and of its CMake
+ * package). The string is static and belongs to the library: never free
+ * it. It may be called at any time, from any thread, before DAXO_LibInit. */
+DAXO_EXPORT const char* DAXO_GetVersion(void) DAXO_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

@@ -2,7 +2,9 @@
 # Installs the build tree into a temporary prefix and builds the minimal_push
 # example out of tree against it, once through pkg-config and once through
 # find_package(daxoclient): both programs must link against the installed
-# library and run (a missing argument makes the example exit with 2).
+# library and run (a missing argument makes the example exit with 2). The
+# library's DAXO_GetVersion, the .pc file and the CMake package must name one
+# version, and no installed binary may keep a RUNPATH.
 #
 # usage: install_test.sh CMAKE BUILD_DIR EXAMPLE_SOURCE C_COMPILER
 set -eu
@@ -42,15 +44,24 @@ echo "pkg-config: $flags"
 "$cc" -std=c11 -Wall -Wextra -Werror -o "$work/push_pkgconfig" "$example" $flags ||
   fail "building against pkg-config's flags"
 
-# find_package, from a project that knows nothing but the prefix.
+# find_package, from a project that knows nothing but the prefix; it also
+# builds a program that prints DAXO_GetVersion and notes the package's version.
 mkdir "$work/consumer"
+cat >"$work/consumer/version.c" <<'C'
+#include <stdio.h>
+#include "daxo_client.h"
+int main(void) { return puts(DAXO_GetVersion()) < 0; }
+C
 cat >"$work/consumer/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.25)
 project(consumer LANGUAGES C)
 find_package(daxoclient 1.0 REQUIRED)
+file(WRITE "\${CMAKE_BINARY_DIR}/package_version" "\${daxoclient_VERSION}")
 add_executable(push_cmake "$example")
-set_target_properties(push_cmake PROPERTIES C_STANDARD 11)
+add_executable(version version.c)
+set_target_properties(push_cmake version PROPERTIES C_STANDARD 11)
 target_link_libraries(push_cmake PRIVATE daxoclient::daxoclient)
+target_link_libraries(version PRIVATE daxoclient::daxoclient)
 CMAKE
 # Ninja, like the project's presets: a fresh system has no make.
 "$cmake" -S "$work/consumer" -B "$work/consumer/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
@@ -69,5 +80,21 @@ for program in "$work/push_pkgconfig" "$work/consumer/build/push_cmake"; do
   status=0
   LD_LIBRARY_PATH=$libdir "$program" >/dev/null 2>&1 || status=$?
   [ "$status" -eq 2 ] || fail "$program exited with $status, expected the usage status 2"
+done
+# One version everywhere: the library's answer, the .pc file, the CMake package.
+library_version=$(LD_LIBRARY_PATH=$libdir "$work/consumer/build/version") ||
+  fail "the DAXO_GetVersion program failed"
+pc_version=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --modversion daxoclient)
+cmake_version=$(cat "$work/consumer/build/package_version")
+echo "versions: library $library_version, pkg-config $pc_version, CMake package $cmake_version"
+[ -n "$library_version" ] && [ "$library_version" = "$pc_version" ] &&
+  [ "$library_version" = "$cmake_version" ] || fail "the versions differ"
+
+# Installed binaries find their libraries through the system's paths: a
+# RUNPATH left over from the build would point into a folder that is gone.
+for binary in "$real" "$prefix"/bin/*; do
+  if runpath=$(readelf -d "$binary" | grep -E '\((RPATH|RUNPATH)\)'); then
+    fail "$binary carries $runpath"
+  fi
 done
 echo "installed tree usable through pkg-config and find_package"
