@@ -26,6 +26,7 @@
 #ifndef DAXO_CLIENT_H
 #define DAXO_CLIENT_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #if defined(__GNUC__)
@@ -367,22 +368,42 @@ DAXO_EXPORT DAXO_Error DAXO_LibCleanup(void) DAXO_NOEXCEPT;
 /* DAXO_NewClient creates a client from the configuration file at confFile
  * and starts its certificate watch thread; it makes no connection.
  *
- * The file holds one setting a line, a key, blanks and the value:
+ * The file, a regular file, holds one setting a line (at most 4096
+ * characters), a key, blanks and the value:
  *   MqttHost, MqttPort, MqttProvisionPort, CaFile, CertFolder (required),
  *   MqttKeepAlive, ClientName (optional). Lines starting with "#" are
- *   comments.
+ *   comments. Ports are whole numbers from 1 to 65535; MqttKeepAlive is 0
+ *   (off) or from 5 to 65535 seconds, 60 when absent.
  *
  * callbackParameter is passed back unchanged to every callback and never
  * dereferenced. err must point to writable storage; it receives the result
  * on every path: DAXO_Error_InvalidArguments (null confFile),
- * DAXO_Error_WrongConfigName (empty confFile), DAXO_Error_ConfigReadFailed,
- * DAXO_Error_WrongConfigParams, DAXO_Error_NoMemory,
- * DAXO_Error_ThreadCreate, or DAXO_Error_Success.
+ * DAXO_Error_WrongConfigName (empty confFile), DAXO_Error_ConfigReadFailed
+ * (the file cannot be opened or read), DAXO_Error_WrongConfigParams (not a
+ * regular file, a line too long, a number out of its range or with other
+ * text, a required key missing), DAXO_Error_NoMemory,
+ * DAXO_Error_ThreadCreate, or DAXO_Error_Success. DAXO_ExplainConfig puts
+ * a configuration failure in words.
  *
  * Returns the client, owned by the caller and released with
  * DAXO_DeleteClient, or null on failure (nothing is left allocated). */
 DAXO_EXPORT DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackParameter,
                                         DAXO_Error* err) DAXO_NOEXCEPT;
+
+/* DAXO_ExplainConfig reads the configuration file at confFile as
+ * DAXO_NewClient does and writes one line saying what is wrong with it (the
+ * line and key concerned, the system's reason when it cannot be opened or
+ * read), or that nothing is, into buffer: at most size bytes, always
+ * NUL-terminated when size is not 0. The caller owns buffer; 256 bytes hold
+ * every explanation but the longest paths. It needs no client, so it can be
+ * called when DAXO_NewClient has failed, from any thread.
+ *
+ * Returns the code DAXO_NewClient gives for this file's configuration
+ * (DAXO_Error_Success when the file is good), or
+ * DAXO_Error_InvalidArguments for a null confFile, or a null buffer with a
+ * size other than 0 (nothing is written). */
+DAXO_EXPORT DAXO_Error DAXO_ExplainConfig(const char* confFile, char* buffer,
+                                          size_t size) DAXO_NOEXCEPT;
 
 /* DAXO_DeleteClient stops the client's watch thread, disconnects and
  * releases its connections and frees the client. Call it from the

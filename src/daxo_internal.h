@@ -522,6 +522,25 @@ void WakeWatchThread(DAXO_Client* client) noexcept;
 // Carries out a reconnection the renewal asked for; run by the owner.
 void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept;
 
+// The longest configuration line, its newline not counted.
+inline constexpr size_t kConfigLineMax = 4096;
+
+// What the configuration reader found wrong, to be put in words.
+struct ConfigProblem {
+  enum What { kNone, kOpen, kRead, kNotRegular, kTooLong, kBadNumber, kMissing, kNoMemory };
+  What what;
+  int line;         // 1-based; 0 when the problem is not on one line
+  const char* key;  // the setting concerned, or null
+  int errnum;       // errno of a failed open or read
+  int min, max;     // the numbers a refused value may take
+  bool zeroAllowed;
+  char value[48];   // the refused value, cut to fit
+};
+// LoadConfig, with what went wrong described in *problem.
+DAXO_Error ReadConfig(DAXO_Client* client, const char* confFile, ConfigProblem* problem) noexcept;
+// DAXO_ExplainConfig after its guard clauses.
+DAXO_Error ExplainConfig(const char* confFile, char* buffer, size_t size) noexcept;
+
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;
 
