@@ -92,7 +92,17 @@ typedef enum DAXO_ErrorTag {
   DAXO_Error_WrongCertificateFile = 36,
   DAXO_Error_ThreadCreate = 37,
   DAXO_Error_NoBackendConnection = 38,
-  DAXO_Error_CertificateRequest = 39
+  DAXO_Error_CertificateRequest = 39,
+  /* Why a connection to the broker failed: nothing accepts connections at
+   * the host and port (broker down, wrong port, host unreachable); the host
+   * name cannot be resolved; no answer in time; the client refused the
+   * broker's certificate; the broker refused the client's certificate.
+   * DAXO_Error_TlsConnection stands for any other TLS failure. */
+  DAXO_Error_ConnectionRefused = 40,
+  DAXO_Error_HostNotFound = 41,
+  DAXO_Error_ConnectionTimeout = 42,
+  DAXO_Error_BrokerCertificateRefused = 43,
+  DAXO_Error_ClientCertificateRefused = 44
 } DAXO_Error;
 
 /* The agent's verdict on a request, passed to reply callbacks. The numbers
@@ -265,21 +275,33 @@ typedef struct DAXO_MetricMetadataTag {
 
 /* A diagnostic line: no level, no time stamp, no trailing newline. Called
  * on whichever thread produced the line, without any lock held, so it must
- * accept concurrent calls. The line is valid only during the call. */
+ * accept concurrent calls. The line is valid only during the call. Lines of
+ * libmosquitto for both connections are passed on; every connection failure
+ * is named once an outage as "Connection to HOST:PORT failed: REASON (CODE)". */
 typedef void (*DAXO_OnLog)(DAXO_Client* client, const char* line, void* callbackParameter);
 
 /* Outcome of a connection: DAXO_Error_Success once the client's topic tree
  * is subscribed (after every automatic reconnection too), the broker's
- * refusal, or DAXO_Error_ConnectionFailed for a refused subscription. Runs
- * on the connection's network thread; on the watch thread when a
- * DAXO_Connect made inside a callback, or a certificate renewal's
- * reconnection, could not be started (the watch thread then tries again). */
+ * CONNACK refusal (each refused attempt; DAXO_Error_WrongProtocol,
+ * DAXO_Error_WrongIdentifier, DAXO_Error_ServerUnavailable or
+ * DAXO_Error_Unknown), or DAXO_Error_ConnectionFailed for a refused
+ * subscription. Runs on the connection's network thread; on the watch
+ * thread when a DAXO_Connect made inside a callback, or a certificate
+ * renewal's reconnection, could not be started (the watch thread then tries
+ * again). */
 typedef void (*DAXO_OnConnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
-/* End of the connection: DAXO_Error_Success when the application asked for
- * it, DAXO_Error_UnexpectedDisconnect otherwise (once per outage). Runs on
- * the network thread, or on the client's watch thread when a connection
- * attempt never came up. */
+/* End of the connection, once per outage: DAXO_Error_Success when the
+ * application asked for it, DAXO_Error_UnexpectedDisconnect when a working
+ * connection is lost (on the network thread). When a connection has not
+ * come up 2 s after DAXO_Connect, the reason, from the client's watch
+ * thread: DAXO_Error_ConnectionRefused (nothing accepts connections at the
+ * host and port), DAXO_Error_HostNotFound, DAXO_Error_BrokerCertificateRefused
+ * (the client refused the broker's certificate),
+ * DAXO_Error_ClientCertificateRefused (the broker refused the client's),
+ * DAXO_Error_TlsConnection (another TLS failure) or
+ * DAXO_Error_ConnectionTimeout (no answer). A CONNACK refusal reaches
+ * OnConnect instead. */
 typedef void (*DAXO_OnDisconnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
 /* Reply to DAXO_CreateSensor: its name and the agent's new sensor id, or
@@ -314,8 +336,10 @@ typedef void (*DAXO_OnDescribeMetric)(DAXO_Client* client, const char* sensorId,
 
 /* Outcome of DAXO_ProvisionClient. Runs on the provisioning connection's
  * network thread, on the caller's thread for DAXO_Error_AlreadyProvisioned,
- * or on the watch thread when the agent does not answer within 30 s or a
- * call made inside a callback fails. */
+ * or on the watch thread when the agent does not answer within 30 s (the
+ * reason the provisioning connection never came up, as OnDisconnect gives
+ * it, or DAXO_Error_ClientProvision when it did) or a call made inside a
+ * callback fails. */
 typedef void (*DAXO_OnProvisionClient)(DAXO_Client* client, void* callbackParameter,
                                        DAXO_Error err);
 
@@ -490,10 +514,12 @@ DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
  * DAXO_Error_GetClientId, DAXO_Error_CreateProvisionCertificate,
  * DAXO_Error_CreatePrivateKey, DAXO_Error_TlsSetFailed,
  * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
- * DAXO_Error_Unknown. Outcomes: DAXO_Error_Success, the broker's refusal,
- * DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
+ * DAXO_Error_Unknown, and the reasons of DAXO_Connect when the connection
+ * fails inside the call. Outcomes: DAXO_Error_Success, the broker's
+ * refusal, DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
  * DAXO_Error_ReadCertificateCN, DAXO_Error_NoBackendConnection,
- * DAXO_Error_CertificateRequest, DAXO_Error_Unknown. */
+ * DAXO_Error_CertificateRequest, DAXO_Error_ClientProvision, a reason the
+ * connection never came up (see DAXO_OnDisconnect), DAXO_Error_Unknown. */
 DAXO_EXPORT DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_DeprovisionClient asks the agent to forget the client. Once the
@@ -518,10 +544,16 @@ DAXO_EXPORT DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) DAXO_NOEXCEPT
  * a second after a loss; an attempt not accepted within 10 s, growing to
  * 60 s, is started again). A previous connection of the client is closed
  * and released first. Inside a callback it returns at once (see Threads
- * above). Returns DAXO_Error_InvalidArguments for a null or
- * unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed,
- * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
- * DAXO_Error_Unknown or DAXO_Error_Success. */
+ * above). A connection that fails later is reported through OnDisconnect
+ * (or OnConnect for a CONNACK refusal) with its reason; libmosquitto
+ * resolves the host and may get through the TLS handshake inside this call,
+ * and a failure found there is its result, named in the same log line, and
+ * not retried: DAXO_Error_HostNotFound, DAXO_Error_ConnectionRefused,
+ * DAXO_Error_BrokerCertificateRefused, DAXO_Error_ClientCertificateRefused,
+ * DAXO_Error_TlsConnection. Other results: DAXO_Error_InvalidArguments for a
+ * null or unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed
+ * (the certificate files cannot be used), DAXO_Error_Errno,
+ * DAXO_Error_NoThreadSupport, DAXO_Error_Unknown or DAXO_Error_Success. */
 DAXO_EXPORT DAXO_Error DAXO_Connect(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_CheckConnection asks the agent to confirm the connection; the answer

@@ -32,6 +32,10 @@ typedef struct ConnectionWatchTag {
   long long graceMs;  // how long the current attempt may take before a restart
   long long retryAtMs;  // a refused attempt's loop is stopped until then; 0: none
   long long downSinceMs;  // when the connection went, or was first tried; 0: up
+  // Why attempts fail (connection_failures.cpp).
+  int failure;        // the reason of this outage's last failed attempt; 0: none yet
+  int named;          // the reason last logged in this outage
+  int tlsFailure;     // the TLS failure libmosquitto named in this attempt; 0: none
 } ConnectionWatch;
 
 // A change to a client's connections asked for on a library thread, which
@@ -507,10 +511,10 @@ long long NowMs() noexcept;  // monotonic, counting suspended time
 void WatchAttempt(ConnectionWatch& watch) noexcept;  // an attempt starts now
 void WatchConnected(ConnectionWatch& watch) noexcept;
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
-// Connects mi asynchronously to port and starts its network thread, as an
-// attempt watch looks after.
-DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
-                        ConnectionWatch& watch) noexcept;
+struct Endpoint;
+// Connects mi asynchronously to the endpoint's port and starts its network
+// thread, as the endpoint's watch looks after.
+DAXO_Error StartAttempt(const Endpoint& at, MosquittoInterface* mi) noexcept;
 // Restarts the attempts libmosquitto abandoned, ends provisioning exchanges
 // that have waited too long; run by the owner.
 void SuperviseConnections(DAXO_Client* client) noexcept;
@@ -518,6 +522,36 @@ void SuperviseConnections(DAXO_Client* client) noexcept;
 bool NeedsSupervision(const DAXO_Client* client) noexcept;
 // Makes the watch thread re-read what it has to do.
 void WakeWatchThread(DAXO_Client* client) noexcept;
+
+// Why connections fail (connection_failures.cpp). Each records the reason on
+// the watch of the connection to port, and logs it as "Connection to
+// HOST:PORT failed: ..." unless this outage has named it already.
+struct Endpoint {
+  DAXO_Client* client;
+  ConnectionWatch& watch;
+  int port;
+  bool clientCertificate;  // presented in the handshake: the main connection
+};
+Endpoint MainEndpoint(DAXO_Client* client) noexcept;
+Endpoint ProvisionEndpoint(DAXO_Client* client) noexcept;
+// A new connection: nothing of an earlier one is named any more.
+void ForgetFailures(ConnectionWatch& watch) noexcept;
+// A connect that failed at once, with the errno it left.
+DAXO_Error NoteStartFailure(const Endpoint& at, int rc, int errnum) noexcept;
+// A network thread that could not start.
+void NoteLoopFailure(const Endpoint& at, DAXO_Error err) noexcept;
+// A socket whose connection failed (errnum 0: unknown).
+void NoteSocketFailure(const Endpoint& at, int errnum) noexcept;
+// The broker's CONNACK refusal; returns its code.
+DAXO_Error NoteRefusal(const Endpoint& at, int connackCode) noexcept;
+// A connection closed before the broker accepted it, with libmosquitto's rc
+// (errno as libmosquitto left it).
+void NoteClosedBeforeAccepted(const Endpoint& at, int rc) noexcept;
+// A line from libmosquitto: a TLS failure it names is recorded.
+void NoteTransportLine(const Endpoint& at, const char* line) noexcept;
+// The reason to report for an outage that has lasted too long: the last
+// failure, or a timeout (named now) when no attempt has failed.
+DAXO_Error OutageReason(const Endpoint& at, long long waitedMs) noexcept;
 
 // Carries out a reconnection the renewal asked for; run by the owner.
 void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept;
