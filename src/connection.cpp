@@ -179,7 +179,7 @@ extern "C" DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
     MosquittoInterface* mi = onMain ? client->mosq : client->mosqProvision;
     err = daxo::PublishOn(mi, topic, message, message_len, messageId);
   }
-  if (onMain) daxo::LogFormat(client, "SendMessage: %s", message);
+  if (onMain) daxo::LogPayload(client, "SendMessage", nullptr, message);
   return err;
 }
 

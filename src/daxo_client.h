@@ -277,7 +277,9 @@ typedef struct DAXO_MetricMetadataTag {
  * on whichever thread produced the line, without any lock held, so it must
  * accept concurrent calls. The line is valid only during the call. Lines of
  * libmosquitto for both connections are passed on; every connection failure
- * is named once an outage as "Connection to HOST:PORT failed: REASON (CODE)". */
+ * is named once an outage as "Connection to HOST:PORT failed: REASON (CODE)".
+ * A message's payload is logged up to its first 1024 bytes, then its
+ * length. */
 typedef void (*DAXO_OnLog)(DAXO_Client* client, const char* line, void* callbackParameter);
 
 /* Outcome of a connection: DAXO_Error_Success once the client's topic tree

@@ -384,6 +384,14 @@ inline constexpr const char* kKeyFileName = "priv_key.key";
 void LogFormat(DAXO_Client* client, const char* fmt, ...) noexcept
     __attribute__((format(printf, 2, 3)));
 
+// Payloads are logged up to this many bytes, then their length: a 16 MB
+// message must not become 16 MB of log lines.
+inline constexpr size_t kLoggedPayloadMax = 1024;
+// Logs "label: topic\npayload" ("label: payload" without a topic), the
+// payload cut to kLoggedPayloadMax; false when the line cannot be made.
+bool LogPayload(DAXO_Client* client, const char* label, const char* topic,
+                const char* payload) noexcept;
+
 // Wires the deprovisioning completion handler onto the main instance, or
 // removes it when no deprovision callback is set.
 void InstallPublishHandler(DAXO_Client* client) noexcept;
