@@ -3,14 +3,13 @@
 // and is named in one line with the host and port. An outage names each
 // reason once: a broker that stays away for an hour, tried every second,
 // gives one line, not 3,600.
+#include <mosquitto.h>
 #include <netdb.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
-
-#include <mosquitto.h>
 
 #include "daxo_internal.h"
 

@@ -166,8 +166,8 @@ void WatchLost(ConnectionWatch& watch, bool reported) noexcept {
 DAXO_Error StartAttempt(const Endpoint& at, MosquittoInterface* mi) noexcept {
   WatchAttempt(at.watch);
   errno = 0;
-  int rc = mi->mosquittoConnectAsyncFunction(mi, at.client->mqttHost, at.port,
-                                             at.client->mqttKeepAlive);
+  int rc =
+      mi->mosquittoConnectAsyncFunction(mi, at.client->mqttHost, at.port, at.client->mqttKeepAlive);
   int connectErrno = errno;
   if (rc != MOSQ_ERR_SUCCESS) return NoteStartFailure(at, rc, connectErrno);
   // A refused connection would only make the new thread spin: the attempt

@@ -174,7 +174,8 @@ void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
   daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (mosq == nullptr || client == nullptr) return;
-  if (result != 0) return Deliver(client, daxo::NoteRefusal(daxo::ProvisionEndpoint(client), result));
+  if (result != 0)
+    return Deliver(client, daxo::NoteRefusal(daxo::ProvisionEndpoint(client), result));
   daxo::WatchConnected(client->provisionWatch);
   // A reconnection after the exchange has ended has nothing to ask for.
   if (client->provisionCert == nullptr) return;

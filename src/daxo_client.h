@@ -150,29 +150,29 @@ typedef enum DAXO_ApiErrorTag {
  * a unit), and a description naming a text not listed here is dropped:
  * OnDescribeMetric is not called for it. */
 typedef enum DAXO_ValueUnitTag {
-  DAXO_ValueUnit_NoUnit = 0,                  /* "No_Unit" */
-  DAXO_ValueUnit_SIAmpere = 1,                /* "SI.ElectricCurrent.AMPERE" */
-  DAXO_ValueUnit_SIBit = 2,                   /* "SI.DataAmount.BIT" */
-  DAXO_ValueUnit_SICandela = 3,               /* "SI.LuminousIntensity.CANDELA" */
-  DAXO_ValueUnit_SICelsius = 4,               /* "SI.Temperature.CELSIUS" */
-  DAXO_ValueUnit_SIFarad = 5,                 /* "SI.ElectricCapacitance.FARAD" */
-  DAXO_ValueUnit_SIKilogram = 6,              /* "SI.Mass.KILOGRAM" */
-  DAXO_ValueUnit_SIHertz = 7,                 /* "SI.Frequency.HERTZ" */
-  DAXO_ValueUnit_SIJoule = 8,                 /* "SI.Energy.JOULE" */
-  DAXO_ValueUnit_SIMeter = 9,                 /* "SI.Length.METER" */
-  DAXO_ValueUnit_SIMetersPerSecond = 10,      /* "SI.Velocity.METERS_PER_SECOND" */
-  DAXO_ValueUnit_SIMetersPerSquareSecond = 11,/* "SI.Acceleration.METERS_PER_SQUARE_SECOND" */
-  DAXO_ValueUnit_SIMole = 12,                 /* "SI.AmountOfSubstance.MOLE" */
-  DAXO_ValueUnit_SINewtone = 13,              /* "SI.Force.NEWTON" */
-  DAXO_ValueUnit_SIOhm = 14,                  /* "SI.ElectricResistance.OHM" */
-  DAXO_ValueUnit_SIPascal = 15,               /* "SI.Pressure.PASCAL" */
-  DAXO_ValueUnit_SIRadian = 16,               /* "SI.Angle.RADIAN" */
-  DAXO_ValueUnit_SISecond = 17,               /* "SI.Duration.SECOND" */
-  DAXO_ValueUnit_SISquareMeter = 18,          /* "SI.Area.SQUARE_METRE" */
-  DAXO_ValueUnit_SIVolt = 19,                 /* "SI.ElectricPotential.VOLT" */
-  DAXO_ValueUnit_SIWatt = 20,                 /* "SI.Power.WATT" */
-  DAXO_ValueUnit_NoSIDecibel = 21,            /* "NoSI.Dimensionless.DECIBEL" */
-  DAXO_ValueUnit_NoSIPercent = 22             /* "NoSI.Dimensionless.PERCENT" */
+  DAXO_ValueUnit_NoUnit = 0,                   /* "No_Unit" */
+  DAXO_ValueUnit_SIAmpere = 1,                 /* "SI.ElectricCurrent.AMPERE" */
+  DAXO_ValueUnit_SIBit = 2,                    /* "SI.DataAmount.BIT" */
+  DAXO_ValueUnit_SICandela = 3,                /* "SI.LuminousIntensity.CANDELA" */
+  DAXO_ValueUnit_SICelsius = 4,                /* "SI.Temperature.CELSIUS" */
+  DAXO_ValueUnit_SIFarad = 5,                  /* "SI.ElectricCapacitance.FARAD" */
+  DAXO_ValueUnit_SIKilogram = 6,               /* "SI.Mass.KILOGRAM" */
+  DAXO_ValueUnit_SIHertz = 7,                  /* "SI.Frequency.HERTZ" */
+  DAXO_ValueUnit_SIJoule = 8,                  /* "SI.Energy.JOULE" */
+  DAXO_ValueUnit_SIMeter = 9,                  /* "SI.Length.METER" */
+  DAXO_ValueUnit_SIMetersPerSecond = 10,       /* "SI.Velocity.METERS_PER_SECOND" */
+  DAXO_ValueUnit_SIMetersPerSquareSecond = 11, /* "SI.Acceleration.METERS_PER_SQUARE_SECOND" */
+  DAXO_ValueUnit_SIMole = 12,                  /* "SI.AmountOfSubstance.MOLE" */
+  DAXO_ValueUnit_SINewtone = 13,               /* "SI.Force.NEWTON" */
+  DAXO_ValueUnit_SIOhm = 14,                   /* "SI.ElectricResistance.OHM" */
+  DAXO_ValueUnit_SIPascal = 15,                /* "SI.Pressure.PASCAL" */
+  DAXO_ValueUnit_SIRadian = 16,                /* "SI.Angle.RADIAN" */
+  DAXO_ValueUnit_SISecond = 17,                /* "SI.Duration.SECOND" */
+  DAXO_ValueUnit_SISquareMeter = 18,           /* "SI.Area.SQUARE_METRE" */
+  DAXO_ValueUnit_SIVolt = 19,                  /* "SI.ElectricPotential.VOLT" */
+  DAXO_ValueUnit_SIWatt = 20,                  /* "SI.Power.WATT" */
+  DAXO_ValueUnit_NoSIDecibel = 21,             /* "NoSI.Dimensionless.DECIBEL" */
+  DAXO_ValueUnit_NoSIPercent = 22              /* "NoSI.Dimensionless.PERCENT" */
 } DAXO_ValueUnit;
 
 /* The value type of a custom metric, on the wire the text in its comment

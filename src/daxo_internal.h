@@ -33,9 +33,9 @@ typedef struct ConnectionWatchTag {
   long long retryAtMs;  // a refused attempt's loop is stopped until then; 0: none
   long long downSinceMs;  // when the connection went, or was first tried; 0: up
   // Why attempts fail (connection_failures.cpp).
-  int failure;        // the reason of this outage's last failed attempt; 0: none yet
-  int named;          // the reason last logged in this outage
-  int tlsFailure;     // the TLS failure libmosquitto named in this attempt; 0: none
+  int failure;     // the reason of this outage's last failed attempt; 0: none yet
+  int named;       // the reason last logged in this outage
+  int tlsFailure;  // the TLS failure libmosquitto named in this attempt; 0: none
 } ConnectionWatch;
 
 // A change to a client's connections asked for on a library thread, which
@@ -576,7 +576,7 @@ struct ConfigProblem {
   int errnum;       // errno of a failed open or read
   int min, max;     // the numbers a refused value may take
   bool zeroAllowed;
-  char value[48];   // the refused value, cut to fit
+  char value[48];  // the refused value, cut to fit
 };
 // LoadConfig, with what went wrong described in *problem.
 DAXO_Error ReadConfig(DAXO_Client* client, const char* confFile, ConfigProblem* problem) noexcept;

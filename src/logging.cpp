@@ -27,9 +27,8 @@ bool LogPayload(DAXO_Client* client, const char* label, const char* topic,
   char more[64] = "";
   if (length > kLoggedPayloadMax)
     snprintf(more, sizeof more, "... (%zu bytes, the first %zu logged)", length, kLoggedPayloadMax);
-  CStr line = topic != nullptr
-                  ? Format("%s: %s\n%.*s%s", label, topic, shown, payload, more)
-                  : Format("%s: %.*s%s", label, shown, payload, more);
+  CStr line = topic != nullptr ? Format("%s: %s\n%.*s%s", label, topic, shown, payload, more)
+                               : Format("%s: %.*s%s", label, shown, payload, more);
   if (!line) return false;
   client->OnLog(client, line.get(), client->callbackParameter);
   return true;

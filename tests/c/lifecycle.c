@@ -12,6 +12,9 @@ int main(int argc, char** argv) {
   EXPECT(argc == 2 && DAXO_LibInit() == DAXO_Error_Success);
   EXPECT(DAXO_NewClient(NULL, NULL, &err) == NULL && err == DAXO_Error_InvalidArguments);
   EXPECT(DAXO_NewClient("", NULL, &err) == NULL && err == DAXO_Error_WrongConfigName);
+  char why[256];
+  EXPECT(DAXO_ExplainConfig(argv[1], why, sizeof why) == DAXO_Error_Success &&
+         strstr(why, "no problem") != NULL);
   DAXO_Client* client = DAXO_NewClient(argv[1], NULL, &err);
   EXPECT(client != NULL && err == DAXO_Error_Success && DAXO_GetClientId(client) == NULL);
   EXPECT(DAXO_Disconnect(client) == DAXO_Error_Success);

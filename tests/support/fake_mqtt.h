@@ -65,8 +65,8 @@ class FakeMqtt {
   int loopStartResult = MOSQ_ERR_SUCCESS, tlsSetResult = MOSQ_ERR_SUCCESS;
   int connectResult = MOSQ_ERR_SUCCESS, disconnectResult = MOSQ_ERR_SUCCESS;
   int subscribeResult = MOSQ_ERR_SUCCESS;
-  int connectErrno = 0;     // errno as a failed connect leaves it
-  std::string connectLine;  // logged by the next connect before it returns
+  int connectErrno = 0;              // errno as a failed connect leaves it
+  std::string connectLine;           // logged by the next connect before it returns
   std::optional<int> publishResult;  // unset: checked like libmosquitto
 
  private:

@@ -33,7 +33,7 @@ TEST(LoadConfig, ReadsEachLineByItsRules) {
       {req + "   # MqttKeepAlive 45\n-MqttKeepAlive 4\nColour 5\n", "0 h.local:8883 60"},
       {req + "MqttKeepAlive\n", "0 h.local:8883 60"},  // a key without a value is absent
       {req + "MqttKeepAlive 0\n", "0 h.local:8883 0"},
-      {"mqtthost x\n" + req.substr(17), kBad + "-:8883 60"},     // keys are case-sensitive
+      {"mqtthost x\n" + req.substr(17), kBad + "-:8883 60"},      // keys are case-sensitive
       {req + "MqttHost second\nMqttHost\n", "0 second:8883 60"},  // the last value, if any
       {"MqttKeepAlive 30\r\nMqttHost a b \t\r\n" + req.substr(17), "0 a b:8883 30"},
       {req + "MqttKeepAlive 70", "0 h.local:8883 70"},  // no final newline

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <netdb.h>
 
 #include <cerrno>
@@ -76,8 +75,7 @@ TEST_F(FakeClientTest, EachConnectionFailureIsNamedWithItsCode) {
     std::function<void(FakeMqtt&)> happen;  // the attempt fails: the watch thread reports
     std::string call, line;
   } cases[] = {
-      {"the broker refuses",
-       nullptr,
+      {"the broker refuses", nullptr,
        [](FakeMqtt& f) {
          f.FireConnect(5);
          f.FireDisconnect(MOSQ_ERR_CONN_REFUSED);
@@ -100,7 +98,8 @@ TEST_F(FakeClientTest, EachConnectionFailureIsNamedWithItsCode) {
        "certificate (DAXO_Error_ClientCertificateRefused)"},
       {"the broker's alert is read", nullptr,
        [](FakeMqtt& f) {
-         f.FireLog("OpenSSL Error[0]: error:0A000415:SSL routines::sslv3 alert certificate expired");
+         f.FireLog(
+             "OpenSSL Error[0]: error:0A000415:SSL routines::sslv3 alert certificate expired");
          errno = EPROTO;
          f.FireDisconnect(MOSQ_ERR_ERRNO);
        },
@@ -129,8 +128,8 @@ TEST_F(FakeClientTest, EachConnectionFailureIsNamedWithItsCode) {
        "DAXO_Connect DAXO_Error_ClientCertificateRefused",
        "it refused the client's certificate (DAXO_Error_ClientCertificateRefused)"},
       {"the handshake fails at once",
-       [&](FakeMqtt& f) { f.connectLine = verifyFailed, f.connectResult = MOSQ_ERR_TLS; },
-       nullptr, "DAXO_Connect DAXO_Error_BrokerCertificateRefused",
+       [&](FakeMqtt& f) { f.connectLine = verifyFailed, f.connectResult = MOSQ_ERR_TLS; }, nullptr,
+       "DAXO_Connect DAXO_Error_BrokerCertificateRefused",
        "certificate verify failed (DAXO_Error_BrokerCertificateRefused)"},
   };
   Provisioned();
@@ -148,13 +147,15 @@ TEST_F(FakeClientTest, EachConnectionFailureIsNamedWithItsCode) {
       // Down for 2 s by the frozen clock.
       timespec now{};
       clock_gettime(CLOCK_BOOTTIME, &now);
-      __atomic_store_n(&client->mainWatch.downSinceMs, now.tv_sec * 1000LL - 2000, __ATOMIC_RELEASE);
+      __atomic_store_n(&client->mainWatch.downSinceMs, now.tv_sec * 1000LL - 2000,
+                       __ATOMIC_RELEASE);
       Settle();
     } else {
       calls.push_back({"DAXO_Connect", connected, ""});
     }
     std::string got;
-    for (const Call& call : calls) got += call.name + " " + DAXO_ErrorName(DAXO_Error(call.code)) + ";";
+    for (const Call& call : calls)
+      got += call.name + " " + DAXO_ErrorName(DAXO_Error(call.code)) + ";";
     EXPECT_EQ(got, c.call + (c.call.starts_with("OnConnect") ? ";" + c.call + ";" : ";"));
     std::lock_guard lock(logsMutex);
     std::vector<std::string> named;

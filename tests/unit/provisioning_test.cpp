@@ -180,7 +180,8 @@ TEST_F(ProvisioningTest, AnUnansweredExchangeEndsWithAFailure) {
     EXPECT_EQ(client->mosqProvision, nullptr);
     EXPECT_EQ(client->provisionDigest, nullptr);
     std::lock_guard lock(logsMutex);
-    EXPECT_NE(std::find(logs.begin(), logs.end(), c.line), logs.end()) << testing::PrintToString(logs);
+    EXPECT_NE(std::find(logs.begin(), logs.end(), c.line), logs.end())
+        << testing::PrintToString(logs);
   }
   DAXO_ProvisionClientCallbackSet(client, nullptr);
 }

@@ -276,8 +276,8 @@ TEST_F(ThreadModelTest, DeletionInsideACallbackIsRefused) {
     const char* callback;
     DAXO_Error code;
   } cases[] = {
-      {Trigger::kConnected, "OnConnect", DAXO_Error_Success},                // network thread
-      {Trigger::kNeverUp, "OnDisconnect", DAXO_Error_ConnectionTimeout},     // watch thread
+      {Trigger::kConnected, "OnConnect", DAXO_Error_Success},             // network thread
+      {Trigger::kNeverUp, "OnDisconnect", DAXO_Error_ConnectionTimeout},  // watch thread
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.callback);

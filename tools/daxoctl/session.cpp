@@ -83,9 +83,8 @@ void SetReplyCallbacks(DAXO_Client* client) {
 }
 
 void SetCallbacks(DAXO_Client* client) {
-  DAXO_LogCallbackSet(client, [](DAXO_Client*, const char* line, void* self) {
-    Self(self).Noted(line);
-  });
+  DAXO_LogCallbackSet(client,
+                      [](DAXO_Client*, const char* line, void* self) { Self(self).Noted(line); });
   DAXO_ProvisionClientCallbackSet(client, [](DAXO_Client*, void* self, DAXO_Error err) {
     Self(self).Record({.kind = "provision", .code = err});
   });
@@ -179,9 +178,9 @@ std::optional<int> Session::Create() {
   if (client_ == nullptr) {
     char why[512];
     DAXO_ExplainConfig(options_.config.c_str(), why, sizeof why);
-    return printer_.Failure(kFailed, "cannot use the configuration: " + std::string(why) + " (" +
-                                         Describe(err) + ")",
-                            DAXO_ErrorName(err), err);
+    return printer_.Failure(
+        kFailed, "cannot use the configuration: " + std::string(why) + " (" + Describe(err) + ")",
+        DAXO_ErrorName(err), err);
   }
   SetCallbacks(client_);
   return std::nullopt;
