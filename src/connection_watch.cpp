@@ -115,12 +115,11 @@ DAXO_Error SuperviseMain(DAXO_Client* client) noexcept {
     return DAXO_Error_Success;
   }
   if (!daxo::Load(client->polling)) return DAXO_Error_Success;
+  // The attempt first: a connection that has just failed names its reason.
   daxo::Endpoint at = daxo::MainEndpoint(client);
-  DAXO_Error report = DAXO_Error_Success;
-  if (DownFor(watch, kReportMs) && OutageToReport(client))
-    report = daxo::OutageReason(at, kReportMs);
   SuperviseAttempt(at, client->mosq);
-  return report;
+  if (!DownFor(watch, kReportMs) || !OutageToReport(client)) return DAXO_Error_Success;
+  return daxo::OutageReason(at, kReportMs);
 }
 
 // Only the first connection of the provisioning instance is looked after:
