@@ -304,8 +304,8 @@ typedef void (*DAXO_OnConnect)(DAXO_Client* client, void* callbackParameter, DAX
  * connection is lost (on the network thread). When a connection has not
  * come up 2 s after DAXO_Connect, the reason, from the client's watch
  * thread: DAXO_Error_ConnectionRefused (nothing accepts connections at the
- * host and port), DAXO_Error_HostNotFound, DAXO_Error_BrokerCertificateRefused
- * (the client refused the broker's certificate),
+ * host and port), DAXO_Error_BrokerCertificateRefused (the client refused
+ * the broker's certificate),
  * DAXO_Error_ClientCertificateRefused (the broker refused the client's),
  * DAXO_Error_TlsConnection (another TLS failure) or
  * DAXO_Error_ConnectionTimeout (no answer). A CONNACK refusal reaches
