@@ -207,7 +207,9 @@ int main(int argc, char** argv) {
   DAXO_LibInit(); /* once per process, before the first client */
   client = DAXO_NewClient(argv[1], &box, &err);
   if (client == NULL) {
-    fprintf(stderr, "cannot create the client from %s: error %d\n", argv[1], err);
+    char why[512]; /* no OnLog can be set yet: the library says why in words */
+    DAXO_ExplainConfig(argv[1], why, sizeof why);
+    fprintf(stderr, "cannot create the client: %s (error %d)\n", why, err);
     return 1;
   }
 

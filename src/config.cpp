@@ -1,11 +1,13 @@
-// The configuration file reader and the whole-file reader.
+// The configuration file reader, its explanations, and the whole-file reader.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "c_handles.h"
@@ -26,20 +28,34 @@ constexpr bool IsAlnum(char c) noexcept {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
+// The range a number must fall in; 0 may stand outside it, to turn a
+// setting off.
+struct Range {
+  int min, max;
+  bool zeroAllowed;
+};
+
+constexpr Range kPortRange{1, 65535, false};
+// MQTT carries the keep-alive in 16 bits, and libmosquitto refuses periods
+// under 5 s other than 0 (off).
+constexpr Range kKeepAliveRange{5, 65535, true};
+
 struct Setting {
   std::string_view key;
   char* DAXO_Client::*text;  // exactly one of text and number is set
   int DAXO_Client::*number;
+  Range range;
+  bool required;
 };
 
 constexpr Setting kSettings[] = {
-    {"MqttHost", &DAXO_Client::mqttHost, nullptr},
-    {"MqttPort", nullptr, &DAXO_Client::mqttPort},
-    {"MqttProvisionPort", nullptr, &DAXO_Client::mqttProvisionPort},
-    {"MqttKeepAlive", nullptr, &DAXO_Client::mqttKeepAlive},
-    {"CaFile", &DAXO_Client::caFile, nullptr},
-    {"CertFolder", &DAXO_Client::certFolder, nullptr},
-    {"ClientName", &DAXO_Client::clientName, nullptr},
+    {"MqttHost", &DAXO_Client::mqttHost, nullptr, {}, true},
+    {"MqttPort", nullptr, &DAXO_Client::mqttPort, kPortRange, true},
+    {"MqttProvisionPort", nullptr, &DAXO_Client::mqttProvisionPort, kPortRange, true},
+    {"MqttKeepAlive", nullptr, &DAXO_Client::mqttKeepAlive, kKeepAliveRange, false},
+    {"CaFile", &DAXO_Client::caFile, nullptr, {}, true},
+    {"CertFolder", &DAXO_Client::certFolder, nullptr, {}, true},
+    {"ClientName", &DAXO_Client::clientName, nullptr, {}, false},
 };
 
 // Without keep-alive a broker that stopped without closing its sockets is
@@ -47,15 +63,18 @@ constexpr Setting kSettings[] = {
 // explicit 0 still turns keep-alive off.
 constexpr int kDefaultKeepAliveSeconds = 60;
 
-// Decimal with optional sign; trailing text ignored, no digits give 0, and
-// values beyond int saturate rather than wrap into another number.
-int ToInt(std::string_view value) noexcept {
-  char digits[32];
-  size_t n = value.copy(digits, sizeof digits - 1);
-  digits[n] = '\0';
-  long v = strtol(digits, nullptr, 10);
-  if (v > INT_MAX) return INT_MAX;
-  if (v < INT_MIN) return INT_MIN;
+// Decimal digits only: a sign, a unit or any other trailing text would
+// otherwise name another number ("38x83" is not port 38).
+std::optional<int> ToNumber(std::string_view value, const Range& range) noexcept {
+  if (value.empty()) return std::nullopt;
+  long v = 0;
+  for (char c : value) {
+    if (c < '0' || c > '9') return std::nullopt;
+    v = v * 10 + (c - '0');
+    if (v > range.max) return std::nullopt;
+  }
+  if (v == 0 && range.zeroAllowed) return 0;
+  if (v < range.min) return std::nullopt;
   return static_cast<int>(v);
 }
 
@@ -64,32 +83,47 @@ struct Line {
   std::string_view value;
 };
 
-// Splits one read of the file into key and value; false for comments,
-// blank and malformed lines, and keys without a value.
-bool SplitLine(const char* text, Line* out) noexcept {
-  if (text[0] == '#') return false;
-  const char* p = text;
-  while (IsSpace(*p)) ++p;
-  if (!IsAlnum(*p)) return false;
-  const char* key = p;
-  while (IsAlnum(*p)) ++p;
-  const char* keyEnd = p;
-  while (IsBlank(*p)) ++p;
-  if (*p == '\n' || *p == '\0') return false;
-  const char* value = p;
-  while (*p != '\n' && *p != '\0') ++p;
+// Splits one line (without its newline) into key and value; false for
+// comments, blank and malformed lines, and keys without a value.
+bool SplitLine(std::string_view text, Line* out) noexcept {
+  if (!text.empty() && text[0] == '#') return false;
+  size_t p = 0;
+  while (p < text.size() && IsSpace(text[p])) ++p;
+  size_t key = p;
+  while (p < text.size() && IsAlnum(text[p])) ++p;
+  if (p == key) return false;
+  size_t keyEnd = p;
+  while (p < text.size() && IsBlank(text[p])) ++p;
+  if (p == text.size()) return false;
+  size_t value = p;
+  size_t end = text.size();
   // Trailing blanks and the CR of a CRLF file are not part of the value.
-  while (p > value && IsSpace(p[-1])) --p;
-  out->key = std::string_view(key, keyEnd - key);
-  out->value = std::string_view(value, p - value);
+  while (end > value && IsSpace(text[end - 1])) --end;
+  out->key = text.substr(key, keyEnd - key);
+  out->value = text.substr(value, end - value);
   return true;
 }
 
-DAXO_Error Store(DAXO_Client* client, const Line& line) noexcept {
+void NoteValue(daxo::ConfigProblem* problem, const Setting& s, std::string_view value) noexcept {
+  problem->what = daxo::ConfigProblem::kBadNumber;
+  problem->key = s.key.data();
+  problem->min = s.range.min;
+  problem->max = s.range.max;
+  problem->zeroAllowed = s.range.zeroAllowed;
+  size_t n = value.copy(problem->value, sizeof problem->value - 1);
+  problem->value[n] = '\0';
+}
+
+DAXO_Error Store(DAXO_Client* client, const Line& line, daxo::ConfigProblem* problem) noexcept {
   for (const Setting& s : kSettings) {
     if (s.key != line.key) continue;
     if (s.number != nullptr) {
-      client->*s.number = ToInt(line.value);
+      std::optional<int> number = ToNumber(line.value, s.range);
+      if (!number) {
+        NoteValue(problem, s, line.value);
+        return DAXO_Error_WrongConfigParams;
+      }
+      client->*s.number = *number;
       return DAXO_Error_Success;
     }
     char* copy = StrnDup(line.value.data(), line.value.size());
@@ -100,28 +134,175 @@ DAXO_Error Store(DAXO_Client* client, const Line& line) noexcept {
   return DAXO_Error_Success;  // unknown keys are ignored
 }
 
-DAXO_Error CheckRequired(const DAXO_Client* client) noexcept {
-  bool complete = client->mqttHost != nullptr && client->mqttProvisionPort != 0 &&
-                  client->mqttPort != 0 && client->caFile != nullptr &&
-                  client->certFolder != nullptr;
-  return complete ? DAXO_Error_Success : DAXO_Error_WrongConfigParams;
+DAXO_Error CheckRequired(const DAXO_Client* client, daxo::ConfigProblem* problem) noexcept {
+  for (const Setting& s : kSettings) {
+    bool absent = s.text != nullptr ? client->*s.text == nullptr : client->*s.number == 0;
+    if (!s.required || !absent) continue;
+    problem->what = daxo::ConfigProblem::kMissing;
+    problem->key = s.key.data();
+    return DAXO_Error_WrongConfigParams;
+  }
+  return DAXO_Error_Success;
+}
+
+enum class LineRead { kLine, kEnd, kTooLong, kError };
+
+// One line without its newline; a last line may lack it.
+template <size_t N>
+LineRead ReadLine(FILE* file, char (&buffer)[N], size_t* length) noexcept {
+  size_t n = 0;
+  for (int c; (c = getc_unlocked(file)) != EOF;) {
+    if (c == '\n') {
+      *length = n;
+      return LineRead::kLine;
+    }
+    if (n == N) return LineRead::kTooLong;
+    buffer[n++] = static_cast<char>(c);
+  }
+  if (ferror(file)) return LineRead::kError;
+  *length = n;
+  return n > 0 ? LineRead::kLine : LineRead::kEnd;
+}
+
+// O_NONBLOCK: opening a FIFO would otherwise wait for a writer for ever.
+// What is not a regular file (a folder, a FIFO, a device) is refused
+// before anything is read from it.
+DAXO_Error OpenConfig(const char* path, FilePtr* file, daxo::ConfigProblem* problem) noexcept {
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0) {
+    problem->what = daxo::ConfigProblem::kOpen;
+    problem->errnum = errno;
+    if (fd >= 0) close(fd);
+    return DAXO_Error_ConfigReadFailed;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    close(fd);
+    problem->what = daxo::ConfigProblem::kNotRegular;
+    return DAXO_Error_WrongConfigParams;
+  }
+  file->reset(fdopen(fd, "r"));
+  if (!*file) {
+    problem->what = daxo::ConfigProblem::kNoMemory;
+    close(fd);
+    return DAXO_Error_NoMemory;
+  }
+  return DAXO_Error_Success;
+}
+
+DAXO_Error ReadLines(DAXO_Client* client, FILE* file, daxo::ConfigProblem* problem) noexcept {
+  char buffer[daxo::kConfigLineMax];
+  size_t length = 0;
+  for (problem->line = 1;; ++problem->line) {
+    switch (ReadLine(file, buffer, &length)) {
+      case LineRead::kEnd:
+        problem->line = 0;
+        return DAXO_Error_Success;
+      case LineRead::kTooLong:
+        problem->what = daxo::ConfigProblem::kTooLong;
+        return DAXO_Error_WrongConfigParams;
+      case LineRead::kError:
+        problem->what = daxo::ConfigProblem::kRead;
+        problem->errnum = errno;
+        return DAXO_Error_ConfigReadFailed;
+      case LineRead::kLine:
+        break;
+    }
+    Line line;
+    if (!SplitLine(std::string_view(buffer, length), &line)) continue;
+    if (DAXO_Error err = Store(client, line, problem); err != DAXO_Error_Success) {
+      if (err == DAXO_Error_NoMemory) problem->what = daxo::ConfigProblem::kNoMemory;
+      return err;
+    }
+  }
 }
 
 }  // namespace
 
-extern "C" DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) noexcept {
+namespace daxo {
+
+DAXO_Error ReadConfig(DAXO_Client* client, const char* confFile, ConfigProblem* problem) noexcept {
+  *problem = ConfigProblem{};
   if (confFile == nullptr || confFile[0] == '\0') return DAXO_Error_WrongConfigName;
-  FilePtr file(fopen(confFile, "re"));
-  if (!file) return DAXO_Error_ConfigReadFailed;
+  FilePtr file;
+  if (DAXO_Error err = OpenConfig(confFile, &file, problem); err != DAXO_Error_Success) return err;
   client->mqttKeepAlive = kDefaultKeepAliveSeconds;
-  char buffer[1024];
-  // A line longer than the buffer arrives in pieces, each read as a line.
-  while (fgets(buffer, sizeof buffer, file.get()) != nullptr) {
-    Line line;
-    if (!SplitLine(buffer, &line)) continue;
-    if (DAXO_Error err = Store(client, line); err != DAXO_Error_Success) return err;
+  if (DAXO_Error err = ReadLines(client, file.get(), problem); err != DAXO_Error_Success)
+    return err;
+  return CheckRequired(client, problem);
+}
+
+}  // namespace daxo
+
+namespace {
+
+void Explain(const daxo::ConfigProblem& p, DAXO_Error err, const char* path, char* out,
+             size_t size) noexcept {
+  using P = daxo::ConfigProblem;
+  char errText[128];
+  switch (p.what) {
+    case P::kOpen:
+    case P::kRead:
+      snprintf(out, size, "%s: cannot %s it: %s (errno %d)", path,
+               p.what == P::kOpen ? "open" : "read", strerror_r(p.errnum, errText, sizeof errText),
+               p.errnum);
+      return;
+    case P::kNotRegular:
+      snprintf(out, size, "%s: not a regular file (a folder, FIFO or device is not read)", path);
+      return;
+    case P::kTooLong:
+      snprintf(out, size, "%s line %d: longer than %zu characters", path, p.line,
+               daxo::kConfigLineMax);
+      return;
+    case P::kBadNumber:
+      snprintf(out, size, "%s line %d: %s \"%s\" is not %sa whole number from %d to %d", path,
+               p.line, p.key, p.value, p.zeroAllowed ? "0 (off) or " : "", p.min, p.max);
+      return;
+    case P::kMissing:
+      snprintf(out, size, "%s: %s is missing, and it is required", path, p.key);
+      return;
+    case P::kNoMemory:
+      snprintf(out, size, "%s: not enough memory to read it", path);
+      return;
+    case P::kNone:
+      break;
   }
-  return CheckRequired(client);
+  if (err == DAXO_Error_WrongConfigName)
+    snprintf(out, size, "the path of the configuration file is empty");
+  else
+    snprintf(out, size, "%s: no problem found", path);
+}
+
+void FreeSettings(DAXO_Client* client) noexcept {
+  for (char* text : {client->mqttHost, client->caFile, client->certFolder, client->clientName})
+    free(text);
+}
+
+}  // namespace
+
+namespace daxo {
+
+DAXO_Error ExplainConfig(const char* confFile, char* buffer, size_t size) noexcept {
+  char none[1];
+  if (size == 0) buffer = none, size = 1;
+  auto* scratch = static_cast<DAXO_Client*>(calloc(1, sizeof(DAXO_Client)));
+  ConfigProblem problem{};
+  DAXO_Error err = DAXO_Error_NoMemory;
+  if (scratch == nullptr)
+    problem.what = ConfigProblem::kNoMemory;
+  else
+    err = ReadConfig(scratch, confFile, &problem);
+  if (scratch != nullptr) FreeSettings(scratch);
+  free(scratch);
+  Explain(problem, err, confFile, buffer, size);
+  return err;
+}
+
+}  // namespace daxo
+
+extern "C" DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) noexcept {
+  daxo::ConfigProblem problem;
+  return daxo::ReadConfig(client, confFile, &problem);
 }
 
 extern "C" char* GetFileContent(const char* fileName) noexcept {

@@ -37,7 +37,11 @@ void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
   daxo::LibraryThreadScope libraryThread;
   DAXO_Client* client = ClientOf(mosq, obj);
   if (client == nullptr) return;
-  if (result != 0) return ReportConnect(client, ConvertConnackCode(result));
+  if (result != 0) {
+    // Heard through OnConnect: the watch thread has nothing more to report.
+    daxo::Store(client->mainWatch.lossReported, 1);
+    return ReportConnect(client, daxo::NoteRefusal(daxo::MainEndpoint(client), result));
+  }
   daxo::WatchConnected(client->mainWatch);
   CStr filter = Format("/%s/%s/#", daxo::kApiVersion, client->clientId);
   if (!filter) {
@@ -64,10 +68,22 @@ void SubscribeCallback(struct mosquitto* /*mosq*/, void* obj, int /*mid*/, int q
   ReportConnect(client, DAXO_Error_Success);
 }
 
+// A connection the broker never accepted is a failed attempt, reported
+// with its reason by the watch thread (a refusal already reached OnConnect);
+// only the loss of an accepted one is an outage starting now.
 void DisconnectCallback(struct mosquitto* /*mosq*/, void* obj, int result) noexcept {
   daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (client == nullptr) return;
+  if (result != 0 && !daxo::Load(client->mainWatch.connected)) {
+    if (result != MOSQ_ERR_CONN_REFUSED)
+      daxo::NoteClosedBeforeAccepted(daxo::MainEndpoint(client), result);
+    return;
+  }
+  if (result != 0)
+    daxo::LogFormat(client, "Connection to %s:%d lost: %s", client->mqttHost, client->mqttPort,
+                    result == MOSQ_ERR_KEEPALIVE ? "no answer within the keep-alive"
+                                                 : mosquitto_strerror(result));
   daxo::WatchLost(client->mainWatch, result != 0);
   if (DAXO_OnDisconnect onDisconnect = daxo::Get(client->OnDisconnect))
     onDisconnect(client, client->callbackParameter,
@@ -88,9 +104,14 @@ void PublishCallback(struct mosquitto* /*mosq*/, void* obj, int mid) noexcept {
     client->OnDeprovisionClient(client, client->callbackParameter);
 }
 
+// libmosquitto may read errno after a line it logged.
 void LibraryLogCallback(struct mosquitto* mosq, void* obj, int level, const char* str) noexcept {
   daxo::LibraryThreadScope libraryThread;
+  int e = errno;
+  if (DAXO_Client* client = ClientOf(mosq, obj); client != nullptr && str != nullptr)
+    daxo::NoteTransportLine(daxo::MainEndpoint(client), str);
   LogCallback(mosq, obj, level, str);
+  errno = e;
 }
 
 void MainMessageCallback(struct mosquitto* mosq, void* obj,
@@ -131,7 +152,11 @@ DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
   CStr key = Format("%s/%s", client->certFolder, daxo::kKeyFileName);
   if (!cert || !key) return DAXO_Error_NoMemory;
   int rc = mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, cert.get(), key.get(), nullptr);
-  return rc == MOSQ_ERR_SUCCESS ? DAXO_Error_Success : DAXO_Error_TlsSetFailed;
+  if (rc == MOSQ_ERR_SUCCESS) return DAXO_Error_Success;
+  daxo::LogFormat(client, "Connection to %s:%d: the TLS files %s, %s and %s cannot be used: %s",
+                  client->mqttHost, client->mqttPort, client->caFile, cert.get(), key.get(),
+                  mosquitto_strerror(rc));
+  return DAXO_Error_TlsSetFailed;
 }
 
 }  // namespace
@@ -156,7 +181,7 @@ extern "C" DAXO_Error SendMessageToAgent(DAXO_Client* client, const char* topic,
     err = watch.sendable ? daxo::PublishOn(mi, topic, message, message_len, messageId)
                          : DAXO_Error_NoConnectionToServer;
   }
-  if (onMain) daxo::LogFormat(client, "SendMessage: %s", message);
+  if (onMain) daxo::LogPayload(client, "SendMessage", nullptr, message);
   return err;
 }
 
@@ -198,8 +223,9 @@ DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept 
   LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
             client->mqttPort, client->mqttKeepAlive);
   Store(client->mainWatch.lossReported, 0);
+  ForgetFailures(client->mainWatch);
   __atomic_store_n(&client->mainWatch.downSinceMs, 0, __ATOMIC_RELEASE);
-  DAXO_Error err = StartAttempt(client, mi, client->mqttPort, client->mainWatch);
+  DAXO_Error err = StartAttempt(MainEndpoint(client), mi);
   if (err == DAXO_Error_Success) {
     Store(client->polling, 1);
     Store(client->wantMain, 0);  // from now on the running attempt is supervised

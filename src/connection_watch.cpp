@@ -8,6 +8,7 @@
 // socket is open (connecting, or in its TLS handshake) is left to
 // libmosquitto, however slow the link. The application hears of the outage
 // once.
+#include <cerrno>
 #include <ctime>
 
 #include "daxo_internal.h"
@@ -60,30 +61,30 @@ void Grow(ConnectionWatch& watch) noexcept {
 
 // Stops whatever the instance's thread is doing (it may be parked for good)
 // and starts a new attempt, with a longer grace than the last.
-void Restart(DAXO_Client* client, MosquittoInterface* mi, int port,
-             ConnectionWatch& watch) noexcept {
-  daxo::LogFormat(client, "Connection to %s:%d not established within %lld s; trying again",
-                  client->mqttHost, port, Read(watch.graceMs) / 1000);
-  daxo::SetSendable(client, watch, 0);
+// A failed start names its reason itself.
+void Restart(const daxo::Endpoint& at, MosquittoInterface* mi) noexcept {
+  daxo::LogFormat(at.client, "Connection to %s:%d not established within %lld s; trying again",
+                  at.client->mqttHost, at.port, Read(at.watch.graceMs) / 1000);
+  daxo::SetSendable(at.client, at.watch, 0);
   mi->mosquittoDisconnectFunction(mi);
   mi->mosquittoLoopStopFunction(mi, 1);
-  Grow(watch);
-  if (daxo::StartAttempt(client, mi, port, watch) != DAXO_Error_Success)
-    daxo::LogFormat(client, "Connection to %s:%d failed to start", client->mqttHost, port);
+  Grow(at.watch);
+  daxo::StartAttempt(at, mi);
 }
 
 // One attempt of an instance that has not been accepted yet.
-void SuperviseAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
-                      ConnectionWatch& watch) noexcept {
+void SuperviseAttempt(const daxo::Endpoint& at, MosquittoInterface* mi) noexcept {
+  ConnectionWatch& watch = at.watch;
   if (daxo::Load(watch.connected)) return;
   if (long long retryAt = Read(watch.retryAtMs); retryAt != 0) {
-    if (daxo::NowMs() >= retryAt && daxo::StartAttempt(client, mi, port, watch) != DAXO_Error_Success)
-      daxo::LogFormat(client, "Connection to %s:%d failed to start", client->mqttHost, port);
+    if (daxo::NowMs() >= retryAt) daxo::StartAttempt(at, mi);
     return;
   }
-  switch (daxo::MosquittoSocketState(mi, 0)) {
+  int errnum = 0;
+  switch (daxo::MosquittoSocketState(mi, 0, &errnum)) {
     case daxo::SocketState::kFailed:
-      daxo::SetSendable(client, watch, 0);
+      daxo::SetSendable(at.client, watch, 0);
+      daxo::NoteSocketFailure(at, errnum);
       mi->mosquittoDisconnectFunction(mi);
       mi->mosquittoLoopStopFunction(mi, 1);
       Write(watch.retryAtMs, daxo::NowMs() + kRetryMs);
@@ -92,7 +93,7 @@ void SuperviseAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
       return;  // libmosquitto is still working on it
     case daxo::SocketState::kNone:
     case daxo::SocketState::kUnknown:
-      if (Stalled(watch, Read(watch.graceMs))) Restart(client, mi, port, watch);
+      if (Stalled(watch, Read(watch.graceMs))) Restart(at, mi);
       return;
   }
 }
@@ -103,29 +104,31 @@ bool OutageToReport(DAXO_Client* client) noexcept {
   return !__atomic_exchange_n(&client->mainWatch.lossReported, 1, __ATOMIC_ACQ_REL);
 }
 
-// With ownerMutex held; true when the application is to hear of an outage.
-bool SuperviseMain(DAXO_Client* client) noexcept {
+// With ownerMutex held; the reason of an outage the application is to hear
+// of, or Success.
+DAXO_Error SuperviseMain(DAXO_Client* client) noexcept {
   ConnectionWatch& watch = client->mainWatch;
   if (daxo::Load(client->wantMain)) {
     // The last connection could not even be started: start a new one once
     // its grace has passed.
-    if (Waited(watch) < Read(watch.graceMs)) return false;
+    if (Waited(watch) < Read(watch.graceMs)) return DAXO_Error_Success;
     Grow(watch);
     if (daxo::ConnectNow(client, nullptr) != DAXO_Error_Success) daxo::WatchAttempt(watch);
-    return false;
+    return DAXO_Error_Success;
   }
-  if (!daxo::Load(client->polling)) return false;
-  bool report = DownFor(watch, kReportMs) && OutageToReport(client);
-  SuperviseAttempt(client, client->mosq, client->mqttPort, watch);
-  return report;
+  if (!daxo::Load(client->polling)) return DAXO_Error_Success;
+  // The attempt first: a connection that has just failed names its reason.
+  daxo::Endpoint at = daxo::MainEndpoint(client);
+  SuperviseAttempt(at, client->mosq);
+  if (!DownFor(watch, kReportMs) || !OutageToReport(client)) return DAXO_Error_Success;
+  return daxo::OutageReason(at, kReportMs);
 }
 
 // Only the first connection of the provisioning instance is looked after:
 // an exchange that cannot start must not wait for ever.
 void SuperviseProvisioning(DAXO_Client* client) noexcept {
   if (daxo::Load(client->provisionLoopStarted))
-    SuperviseAttempt(client, client->mosqProvision, client->mqttProvisionPort,
-                     client->provisionWatch);
+    SuperviseAttempt(daxo::ProvisionEndpoint(client), client->mosqProvision);
 }
 
 }  // namespace
@@ -140,6 +143,7 @@ long long NowMs() noexcept {
 
 void WatchAttempt(ConnectionWatch& watch) noexcept {
   Store(watch.connected, 0);
+  Store(watch.tlsFailure, 0);
   Write(watch.retryAtMs, 0);
   if (Read(watch.downSinceMs) == 0) Write(watch.downSinceMs, NowMs());
   Write(watch.sinceMs, NowMs());
@@ -148,6 +152,7 @@ void WatchAttempt(ConnectionWatch& watch) noexcept {
 
 void WatchConnected(ConnectionWatch& watch) noexcept {
   Store(watch.lossReported, 0);
+  ForgetFailures(watch);
   Store(watch.connected, 1);
   Write(watch.graceMs, kFirstGraceMs);
   Write(watch.downSinceMs, 0);
@@ -159,20 +164,27 @@ void WatchLost(ConnectionWatch& watch, bool reported) noexcept {
   WatchAttempt(watch);
 }
 
-DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
-                        ConnectionWatch& watch) noexcept {
-  WatchAttempt(watch);
-  int rc = mi->mosquittoConnectAsyncFunction(mi, client->mqttHost, port, client->mqttKeepAlive);
-  if (rc != MOSQ_ERR_SUCCESS) return ConnectResultToError(rc);
+DAXO_Error StartAttempt(const Endpoint& at, MosquittoInterface* mi) noexcept {
+  WatchAttempt(at.watch);
+  errno = 0;
+  int rc =
+      mi->mosquittoConnectAsyncFunction(mi, at.client->mqttHost, at.port, at.client->mqttKeepAlive);
+  int connectErrno = errno;
+  if (rc != MOSQ_ERR_SUCCESS) return NoteStartFailure(at, rc, connectErrno);
   // A refused connection would only make the new thread spin: the attempt
   // counts as started and is tried again a second later.
-  if (MosquittoSocketState(mi, kRefusalWaitMs) == SocketState::kFailed) {
-    Write(watch.retryAtMs, NowMs() + kRetryMs);
+  int errnum = 0;
+  if (MosquittoSocketState(mi, kRefusalWaitMs, &errnum) == SocketState::kFailed) {
+    // libmosquitto's TLS step may have read the error off the socket and
+    // carried on as if the connection were pending: only errno kept it.
+    NoteSocketFailure(at, errnum != 0 ? errnum : connectErrno);
+    Write(at.watch.retryAtMs, NowMs() + kRetryMs);
     return DAXO_Error_Success;
   }
-  rc = mi->mosquittoLoopStartFunction(mi);
-  if (rc == MOSQ_ERR_SUCCESS) SetSendable(client, watch, 1);
-  return LoopStartResultToError(rc);
+  DAXO_Error err = LoopStartResultToError(mi->mosquittoLoopStartFunction(mi));
+  if (err == DAXO_Error_Success) SetSendable(at.client, at.watch, 1);
+  if (err != DAXO_Error_Success) NoteLoopFailure(at, err);
+  return err;
 }
 
 void SetSendable(DAXO_Client* client, ConnectionWatch& watch, int sendable) noexcept {
@@ -181,15 +193,15 @@ void SetSendable(DAXO_Client* client, ConnectionWatch& watch, int sendable) noex
 }
 
 void SuperviseConnections(DAXO_Client* client) noexcept {
-  bool outage;
+  DAXO_Error outage;
   {
     MutexLock lock(&client->ownerMutex);
     outage = SuperviseMain(client);
     SuperviseProvisioning(client);
   }
-  if (outage) {
+  if (outage != DAXO_Error_Success) {
     if (DAXO_OnDisconnect onDisconnect = Get(client->OnDisconnect))
-      onDisconnect(client, client->callbackParameter, DAXO_Error_UnexpectedDisconnect);
+      onDisconnect(client, client->callbackParameter, outage);
   }
   EndStalledExchange(client);
 }

@@ -175,7 +175,8 @@ void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
   daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
   if (mosq == nullptr || client == nullptr) return;
-  if (result != 0) return Deliver(client, ConvertConnackCode(result));
+  if (result != 0)
+    return Deliver(client, daxo::NoteRefusal(daxo::ProvisionEndpoint(client), result));
   daxo::WatchConnected(client->provisionWatch);
   // A reconnection after the exchange has ended has nothing to ask for.
   if (client->provisionCert == nullptr) return;
@@ -233,6 +234,18 @@ void ProvisionMessageCallback(struct mosquitto* mosq, void* obj,
                   message->topic);
 }
 
+// The provisioning connection's lines reach OnLog as the main one's do: its
+// TLS failures would otherwise be invisible.
+void ProvisionLogCallback(struct mosquitto* mosq, void* obj, int level, const char* str) noexcept {
+  daxo::LibraryThreadScope libraryThread;
+  int e = errno;
+  auto* client = static_cast<DAXO_Client*>(obj);
+  if (mosq != nullptr && client != nullptr && str != nullptr)
+    daxo::NoteTransportLine(daxo::ProvisionEndpoint(client), str);
+  LogCallback(mosq, obj, level, str);
+  errno = e;
+}
+
 // Makes the key and request of a new exchange and stores the key; on
 // success the client holds the request and its digest.
 DAXO_Error PrepareRequest(DAXO_Client* client) noexcept {
@@ -281,12 +294,18 @@ DAXO_Error StartProvisioning(DAXO_Client* client, MosquittoInterface* mosquitto)
     client->mosqProvision = mi;
   }
   mi->mosquittoReconnectDelaySetFunction(mi, 1, 1, 0);
+  mi->mosquittoLogCallbackSetFunction(mi, ProvisionLogCallback);
   mi->mosquittoConnectCallbackSetFunction(mi, ConnectCallback);
   mi->mosquittMessageCallbackSetFunction(mi, ProvisionMessageCallback);
-  if (mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, nullptr, nullptr, nullptr) != 0)
+  if (int rc = mi->mosquittoTlsSetFunction(mi, client->caFile, nullptr, nullptr, nullptr, nullptr);
+      rc != MOSQ_ERR_SUCCESS) {
+    daxo::LogFormat(client, "Connection to %s:%d: the authority file %s cannot be used: %s",
+                    client->mqttHost, client->mqttProvisionPort, client->caFile,
+                    mosquitto_strerror(rc));
     return DAXO_Error_TlsSetFailed;
-  DAXO_Error err =
-      daxo::StartAttempt(client, mi, client->mqttProvisionPort, client->provisionWatch);
+  }
+  daxo::ForgetFailures(client->provisionWatch);
+  DAXO_Error err = daxo::StartAttempt(daxo::ProvisionEndpoint(client), mi);
   if (err == DAXO_Error_Success) daxo::Store(client->provisionLoopStarted, 1);
   return err;
 }
@@ -323,17 +342,24 @@ extern "C" void ProcessCertBackError(DAXO_Client* client,
 
 namespace daxo {
 
+// An exchange whose connection never came up ends with the reason of its
+// last failed attempt (a timeout when none failed); one whose connection was
+// accepted waited for the agent.
 void EndStalledExchange(DAXO_Client* client) noexcept {
   long long deadline = __atomic_load_n(&client->provisionDeadlineMs, __ATOMIC_ACQUIRE);
   if (deadline == 0 || NowMs() < deadline || !EndExchange(client)) return;
-  LogFormat(client, "Provisioning: no answer from %s:%d within %lld s", client->mqttHost,
-            client->mqttProvisionPort, client->provisionTimeoutMs / 1000);
+  DAXO_Error outcome = DAXO_Error_ClientProvision;
   {
     MutexLock lock(&client->ownerMutex);
+    if (client->mosqProvision != nullptr && !Load(client->provisionWatch.connected))
+      outcome = OutageReason(ProvisionEndpoint(client), client->provisionTimeoutMs);
+    LogFormat(client, "Provisioning: no %s %s:%d within %lld s",
+              outcome == DAXO_Error_ClientProvision ? "answer from" : "connection to",
+              client->mqttHost, client->mqttProvisionPort, client->provisionTimeoutMs / 1000);
     ReleaseProvisioning(client);
     FreeProvisionData(client);
   }
-  Deliver(client, DAXO_Error_ClientProvision);
+  Deliver(client, outcome);
 }
 
 }  // namespace daxo

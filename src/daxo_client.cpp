@@ -40,6 +40,11 @@ DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackParameter,
                            DestroyMosquittoClient);
 }
 
+DAXO_Error DAXO_ExplainConfig(const char* confFile, char* buffer, size_t size) noexcept {
+  if (confFile == nullptr || (buffer == nullptr && size != 0)) return DAXO_Error_InvalidArguments;
+  return daxo::ExplainConfig(confFile, buffer, size);
+}
+
 DAXO_Error DAXO_DeleteClient(DAXO_Client* client) noexcept {
   // A library thread is one the deletion would have to join.
   if (client == nullptr || daxo::OnLibraryThread()) return DAXO_Error_InvalidArguments;

@@ -26,6 +26,7 @@
 #ifndef DAXO_CLIENT_H
 #define DAXO_CLIENT_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #if defined(__GNUC__)
@@ -91,7 +92,17 @@ typedef enum DAXO_ErrorTag {
   DAXO_Error_WrongCertificateFile = 36,
   DAXO_Error_ThreadCreate = 37,
   DAXO_Error_NoBackendConnection = 38,
-  DAXO_Error_CertificateRequest = 39
+  DAXO_Error_CertificateRequest = 39,
+  /* Why a connection to the broker failed: nothing accepts connections at
+   * the host and port (broker down, wrong port, host unreachable); the host
+   * name cannot be resolved; no answer in time; the client refused the
+   * broker's certificate; the broker refused the client's certificate.
+   * DAXO_Error_TlsConnection stands for any other TLS failure. */
+  DAXO_Error_ConnectionRefused = 40,
+  DAXO_Error_HostNotFound = 41,
+  DAXO_Error_ConnectionTimeout = 42,
+  DAXO_Error_BrokerCertificateRefused = 43,
+  DAXO_Error_ClientCertificateRefused = 44
 } DAXO_Error;
 
 /* The agent's verdict on a request, passed to reply callbacks. The numbers
@@ -132,40 +143,46 @@ typedef enum DAXO_ApiErrorTag {
  * Metric vocabulary
  * ---------------------------------------------------------------------- */
 
-/* The unit of a standard metric. */
+/* The unit of a standard metric. On the wire a unit is the text in its
+ * comment, in the "valueUnit" member of the metric definitions the library
+ * sends and of the descriptions the agent returns; the numbers never leave
+ * the library. DAXO_ValueUnit_NoUnit is never sent (a standard metric needs
+ * a unit), and a description naming a text not listed here is dropped:
+ * OnDescribeMetric is not called for it. */
 typedef enum DAXO_ValueUnitTag {
-  DAXO_ValueUnit_NoUnit = 0,
-  DAXO_ValueUnit_SIAmpere = 1,
-  DAXO_ValueUnit_SIBit = 2,
-  DAXO_ValueUnit_SICandela = 3,
-  DAXO_ValueUnit_SICelsius = 4,
-  DAXO_ValueUnit_SIFarad = 5,
-  DAXO_ValueUnit_SIKilogram = 6,
-  DAXO_ValueUnit_SIHertz = 7,
-  DAXO_ValueUnit_SIJoule = 8,
-  DAXO_ValueUnit_SIMeter = 9,
-  DAXO_ValueUnit_SIMetersPerSecond = 10,
-  DAXO_ValueUnit_SIMetersPerSquareSecond = 11,
-  DAXO_ValueUnit_SIMole = 12,
-  DAXO_ValueUnit_SINewtone = 13,
-  DAXO_ValueUnit_SIOhm = 14,
-  DAXO_ValueUnit_SIPascal = 15,
-  DAXO_ValueUnit_SIRadian = 16,
-  DAXO_ValueUnit_SISecond = 17,
-  DAXO_ValueUnit_SISquareMeter = 18,
-  DAXO_ValueUnit_SIVolt = 19,
-  DAXO_ValueUnit_SIWatt = 20,
-  DAXO_ValueUnit_NoSIDecibel = 21,
-  DAXO_ValueUnit_NoSIPercent = 22
+  DAXO_ValueUnit_NoUnit = 0,                   /* "No_Unit" */
+  DAXO_ValueUnit_SIAmpere = 1,                 /* "SI.ElectricCurrent.AMPERE" */
+  DAXO_ValueUnit_SIBit = 2,                    /* "SI.DataAmount.BIT" */
+  DAXO_ValueUnit_SICandela = 3,                /* "SI.LuminousIntensity.CANDELA" */
+  DAXO_ValueUnit_SICelsius = 4,                /* "SI.Temperature.CELSIUS" */
+  DAXO_ValueUnit_SIFarad = 5,                  /* "SI.ElectricCapacitance.FARAD" */
+  DAXO_ValueUnit_SIKilogram = 6,               /* "SI.Mass.KILOGRAM" */
+  DAXO_ValueUnit_SIHertz = 7,                  /* "SI.Frequency.HERTZ" */
+  DAXO_ValueUnit_SIJoule = 8,                  /* "SI.Energy.JOULE" */
+  DAXO_ValueUnit_SIMeter = 9,                  /* "SI.Length.METER" */
+  DAXO_ValueUnit_SIMetersPerSecond = 10,       /* "SI.Velocity.METERS_PER_SECOND" */
+  DAXO_ValueUnit_SIMetersPerSquareSecond = 11, /* "SI.Acceleration.METERS_PER_SQUARE_SECOND" */
+  DAXO_ValueUnit_SIMole = 12,                  /* "SI.AmountOfSubstance.MOLE" */
+  DAXO_ValueUnit_SINewtone = 13,               /* "SI.Force.NEWTON" */
+  DAXO_ValueUnit_SIOhm = 14,                   /* "SI.ElectricResistance.OHM" */
+  DAXO_ValueUnit_SIPascal = 15,                /* "SI.Pressure.PASCAL" */
+  DAXO_ValueUnit_SIRadian = 16,                /* "SI.Angle.RADIAN" */
+  DAXO_ValueUnit_SISecond = 17,                /* "SI.Duration.SECOND" */
+  DAXO_ValueUnit_SISquareMeter = 18,           /* "SI.Area.SQUARE_METRE" */
+  DAXO_ValueUnit_SIVolt = 19,                  /* "SI.ElectricPotential.VOLT" */
+  DAXO_ValueUnit_SIWatt = 20,                  /* "SI.Power.WATT" */
+  DAXO_ValueUnit_NoSIDecibel = 21,             /* "NoSI.Dimensionless.DECIBEL" */
+  DAXO_ValueUnit_NoSIPercent = 22              /* "NoSI.Dimensionless.PERCENT" */
 } DAXO_ValueUnit;
 
-/* The value type of a custom metric. */
+/* The value type of a custom metric, on the wire the text in its comment
+ * ("valueType"), as units are. */
 typedef enum DAXO_ValueTypeTag {
-  DAXO_ValueType_NoType = 0,
-  DAXO_ValueType_Integer = 1,
-  DAXO_ValueType_Double = 2,
-  DAXO_ValueType_Bool = 3,
-  DAXO_ValueType_String = 4
+  DAXO_ValueType_NoType = 0,  /* "Non", never sent */
+  DAXO_ValueType_Integer = 1, /* "integer" */
+  DAXO_ValueType_Double = 2,  /* "double" */
+  DAXO_ValueType_Bool = 3,    /* "bool" */
+  DAXO_ValueType_String = 4   /* "string" */
 } DAXO_ValueType;
 
 /* DAXO_ErrorName and DAXO_ApiErrorName return the enumerator's name as a
@@ -264,21 +281,35 @@ typedef struct DAXO_MetricMetadataTag {
 
 /* A diagnostic line: no level, no time stamp, no trailing newline. Called
  * on whichever thread produced the line, without any lock held, so it must
- * accept concurrent calls. The line is valid only during the call. */
+ * accept concurrent calls. The line is valid only during the call. Lines of
+ * libmosquitto for both connections are passed on; every connection failure
+ * is named once an outage as "Connection to HOST:PORT failed: REASON (CODE)".
+ * A message's payload is logged up to its first 1024 bytes, then its
+ * length. */
 typedef void (*DAXO_OnLog)(DAXO_Client* client, const char* line, void* callbackParameter);
 
 /* Outcome of a connection: DAXO_Error_Success once the client's topic tree
  * is subscribed (after every automatic reconnection too), the broker's
- * refusal, or DAXO_Error_ConnectionFailed for a refused subscription. Runs
- * on the connection's network thread; on the watch thread when a
- * DAXO_Connect made inside a callback, or a certificate renewal's
- * reconnection, could not be started (the watch thread then tries again). */
+ * CONNACK refusal (each refused attempt; DAXO_Error_WrongProtocol,
+ * DAXO_Error_WrongIdentifier, DAXO_Error_ServerUnavailable or
+ * DAXO_Error_Unknown), or DAXO_Error_ConnectionFailed for a refused
+ * subscription. Runs on the connection's network thread; on the watch
+ * thread when a DAXO_Connect made inside a callback, or a certificate
+ * renewal's reconnection, could not be started (the watch thread then tries
+ * again). */
 typedef void (*DAXO_OnConnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
-/* End of the connection: DAXO_Error_Success when the application asked for
- * it, DAXO_Error_UnexpectedDisconnect otherwise (once per outage). Runs on
- * the network thread, or on the client's watch thread when a connection
- * attempt never came up. */
+/* End of the connection, once per outage: DAXO_Error_Success when the
+ * application asked for it, DAXO_Error_UnexpectedDisconnect when a working
+ * connection is lost (on the network thread). When a connection has not
+ * come up 2 s after DAXO_Connect, the reason, from the client's watch
+ * thread: DAXO_Error_ConnectionRefused (nothing accepts connections at the
+ * host and port), DAXO_Error_BrokerCertificateRefused (the client refused
+ * the broker's certificate),
+ * DAXO_Error_ClientCertificateRefused (the broker refused the client's),
+ * DAXO_Error_TlsConnection (another TLS failure) or
+ * DAXO_Error_ConnectionTimeout (no answer). A CONNACK refusal reaches
+ * OnConnect instead. */
 typedef void (*DAXO_OnDisconnect)(DAXO_Client* client, void* callbackParameter, DAXO_Error err);
 
 /* Reply to DAXO_CreateSensor: its name and the agent's new sensor id, or
@@ -313,8 +344,10 @@ typedef void (*DAXO_OnDescribeMetric)(DAXO_Client* client, const char* sensorId,
 
 /* Outcome of DAXO_ProvisionClient. Runs on the provisioning connection's
  * network thread, on the caller's thread for DAXO_Error_AlreadyProvisioned,
- * or on the watch thread when the agent does not answer within 30 s or a
- * call made inside a callback fails. */
+ * or on the watch thread when the agent does not answer within 30 s (the
+ * reason the provisioning connection never came up, as OnDisconnect gives
+ * it, or DAXO_Error_ClientProvision when it did) or a call made inside a
+ * callback fails. */
 typedef void (*DAXO_OnProvisionClient)(DAXO_Client* client, void* callbackParameter,
                                        DAXO_Error err);
 
@@ -367,22 +400,42 @@ DAXO_EXPORT DAXO_Error DAXO_LibCleanup(void) DAXO_NOEXCEPT;
 /* DAXO_NewClient creates a client from the configuration file at confFile
  * and starts its certificate watch thread; it makes no connection.
  *
- * The file holds one setting a line, a key, blanks and the value:
+ * The file, a regular file, holds one setting a line (at most 4096
+ * characters), a key, blanks and the value:
  *   MqttHost, MqttPort, MqttProvisionPort, CaFile, CertFolder (required),
  *   MqttKeepAlive, ClientName (optional). Lines starting with "#" are
- *   comments.
+ *   comments. Ports are whole numbers from 1 to 65535; MqttKeepAlive is 0
+ *   (off) or from 5 to 65535 seconds, 60 when absent.
  *
  * callbackParameter is passed back unchanged to every callback and never
  * dereferenced. err must point to writable storage; it receives the result
  * on every path: DAXO_Error_InvalidArguments (null confFile),
- * DAXO_Error_WrongConfigName (empty confFile), DAXO_Error_ConfigReadFailed,
- * DAXO_Error_WrongConfigParams, DAXO_Error_NoMemory,
- * DAXO_Error_ThreadCreate, or DAXO_Error_Success.
+ * DAXO_Error_WrongConfigName (empty confFile), DAXO_Error_ConfigReadFailed
+ * (the file cannot be opened or read), DAXO_Error_WrongConfigParams (not a
+ * regular file, a line too long, a number out of its range or with other
+ * text, a required key missing), DAXO_Error_NoMemory,
+ * DAXO_Error_ThreadCreate, or DAXO_Error_Success. DAXO_ExplainConfig puts
+ * a configuration failure in words.
  *
  * Returns the client, owned by the caller and released with
  * DAXO_DeleteClient, or null on failure (nothing is left allocated). */
 DAXO_EXPORT DAXO_Client* DAXO_NewClient(const char* confFile, void* callbackParameter,
                                         DAXO_Error* err) DAXO_NOEXCEPT;
+
+/* DAXO_ExplainConfig reads the configuration file at confFile as
+ * DAXO_NewClient does and writes one line saying what is wrong with it (the
+ * line and key concerned, the system's reason when it cannot be opened or
+ * read), or that nothing is, into buffer: at most size bytes, always
+ * NUL-terminated when size is not 0. The caller owns buffer; 256 bytes hold
+ * every explanation but the longest paths. It needs no client, so it can be
+ * called when DAXO_NewClient has failed, from any thread.
+ *
+ * Returns the code DAXO_NewClient gives for this file's configuration
+ * (DAXO_Error_Success when the file is good), or
+ * DAXO_Error_InvalidArguments for a null confFile, or a null buffer with a
+ * size other than 0 (nothing is written). */
+DAXO_EXPORT DAXO_Error DAXO_ExplainConfig(const char* confFile, char* buffer,
+                                          size_t size) DAXO_NOEXCEPT;
 
 /* DAXO_DeleteClient stops the client's watch thread, disconnects and
  * releases its connections and frees the client. Call it from the
@@ -469,10 +522,12 @@ DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
  * DAXO_Error_GetClientId, DAXO_Error_CreateProvisionCertificate,
  * DAXO_Error_CreatePrivateKey, DAXO_Error_TlsSetFailed,
  * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
- * DAXO_Error_Unknown. Outcomes: DAXO_Error_Success, the broker's refusal,
- * DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
+ * DAXO_Error_Unknown, and the reasons of DAXO_Connect when the connection
+ * fails inside the call. Outcomes: DAXO_Error_Success, the broker's
+ * refusal, DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
  * DAXO_Error_ReadCertificateCN, DAXO_Error_NoBackendConnection,
- * DAXO_Error_CertificateRequest, DAXO_Error_Unknown. */
+ * DAXO_Error_CertificateRequest, DAXO_Error_ClientProvision, a reason the
+ * connection never came up (see DAXO_OnDisconnect), DAXO_Error_Unknown. */
 DAXO_EXPORT DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_DeprovisionClient asks the agent to forget the client. Once the
@@ -497,10 +552,16 @@ DAXO_EXPORT DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) DAXO_NOEXCEPT
  * a second after a loss; an attempt not accepted within 10 s, growing to
  * 60 s, is started again). A previous connection of the client is closed
  * and released first. Inside a callback it returns at once (see Threads
- * above). Returns DAXO_Error_InvalidArguments for a null or
- * unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed,
- * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
- * DAXO_Error_Unknown or DAXO_Error_Success. */
+ * above). A connection that fails later is reported through OnDisconnect
+ * (or OnConnect for a CONNACK refusal) with its reason; libmosquitto
+ * resolves the host and may get through the TLS handshake inside this call,
+ * and a failure found there is its result, named in the same log line, and
+ * not retried: DAXO_Error_HostNotFound, DAXO_Error_ConnectionRefused,
+ * DAXO_Error_BrokerCertificateRefused, DAXO_Error_ClientCertificateRefused,
+ * DAXO_Error_TlsConnection. Other results: DAXO_Error_InvalidArguments for a
+ * null or unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed
+ * (the certificate files cannot be used), DAXO_Error_Errno,
+ * DAXO_Error_NoThreadSupport, DAXO_Error_Unknown or DAXO_Error_Success. */
 DAXO_EXPORT DAXO_Error DAXO_Connect(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* DAXO_CheckConnection asks the agent to confirm the connection; the answer

@@ -36,6 +36,10 @@ typedef struct ConnectionWatchTag {
   // libmosquitto would write on a socket still being set up. Guarded by
   // instanceMutex.
   int sendable;
+  // Why attempts fail (connection_failures.cpp).
+  int failure;     // the reason of this outage's last failed attempt; 0: none yet
+  int named;       // the reason last logged in this outage
+  int tlsFailure;  // the TLS failure libmosquitto named in this attempt; 0: none
 } ConnectionWatch;
 
 // A change to a client's connections asked for on a library thread, which
@@ -384,6 +388,14 @@ inline constexpr const char* kKeyFileName = "priv_key.key";
 void LogFormat(DAXO_Client* client, const char* fmt, ...) noexcept
     __attribute__((format(printf, 2, 3)));
 
+// Payloads are logged up to this many bytes, then their length: a 16 MB
+// message must not become 16 MB of log lines.
+inline constexpr size_t kLoggedPayloadMax = 1024;
+// Logs "label: topic\npayload" ("label: payload" without a topic), the
+// payload cut to kLoggedPayloadMax; false when the line cannot be made.
+bool LogPayload(DAXO_Client* client, const char* label, const char* topic,
+                const char* payload) noexcept;
+
 // Wires the deprovisioning completion handler onto the main instance, or
 // removes it when no deprovision callback is set.
 void InstallPublishHandler(DAXO_Client* client) noexcept;
@@ -513,10 +525,10 @@ void WatchConnected(ConnectionWatch& watch) noexcept;
 void WatchLost(ConnectionWatch& watch, bool reported) noexcept;
 // Whether other threads may publish on the watch's instance.
 void SetSendable(DAXO_Client* client, ConnectionWatch& watch, int sendable) noexcept;
-// Connects mi asynchronously to port and starts its network thread, as an
-// attempt watch looks after.
-DAXO_Error StartAttempt(DAXO_Client* client, MosquittoInterface* mi, int port,
-                        ConnectionWatch& watch) noexcept;
+struct Endpoint;
+// Connects mi asynchronously to the endpoint's port and starts its network
+// thread, as the endpoint's watch looks after.
+DAXO_Error StartAttempt(const Endpoint& at, MosquittoInterface* mi) noexcept;
 // Restarts the attempts libmosquitto abandoned, ends provisioning exchanges
 // that have waited too long; run by the owner.
 void SuperviseConnections(DAXO_Client* client) noexcept;
@@ -525,8 +537,57 @@ bool NeedsSupervision(const DAXO_Client* client) noexcept;
 // Makes the watch thread re-read what it has to do.
 void WakeWatchThread(DAXO_Client* client) noexcept;
 
+// Why connections fail (connection_failures.cpp). Each records the reason on
+// the watch of the connection to port, and logs it as "Connection to
+// HOST:PORT failed: ..." unless this outage has named it already.
+struct Endpoint {
+  DAXO_Client* client;
+  ConnectionWatch& watch;
+  int port;
+  bool clientCertificate;  // presented in the handshake: the main connection
+};
+Endpoint MainEndpoint(DAXO_Client* client) noexcept;
+Endpoint ProvisionEndpoint(DAXO_Client* client) noexcept;
+// A new connection: nothing of an earlier one is named any more.
+void ForgetFailures(ConnectionWatch& watch) noexcept;
+// A connect that failed at once, with the errno it left.
+DAXO_Error NoteStartFailure(const Endpoint& at, int rc, int errnum) noexcept;
+// A network thread that could not start.
+void NoteLoopFailure(const Endpoint& at, DAXO_Error err) noexcept;
+// A socket whose connection failed (errnum 0: unknown).
+void NoteSocketFailure(const Endpoint& at, int errnum) noexcept;
+// The broker's CONNACK refusal; returns its code.
+DAXO_Error NoteRefusal(const Endpoint& at, int connackCode) noexcept;
+// A connection closed before the broker accepted it, with libmosquitto's rc
+// (errno as libmosquitto left it).
+void NoteClosedBeforeAccepted(const Endpoint& at, int rc) noexcept;
+// A line from libmosquitto: a TLS failure it names is recorded.
+void NoteTransportLine(const Endpoint& at, const char* line) noexcept;
+// The reason to report for an outage that has lasted too long: the last
+// failure, or a timeout (named now) when no attempt has failed.
+DAXO_Error OutageReason(const Endpoint& at, long long waitedMs) noexcept;
+
 // Carries out a reconnection the renewal asked for; run by the owner.
 void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept;
+
+// The longest configuration line, its newline not counted.
+inline constexpr size_t kConfigLineMax = 4096;
+
+// What the configuration reader found wrong, to be put in words.
+struct ConfigProblem {
+  enum What { kNone, kOpen, kRead, kNotRegular, kTooLong, kBadNumber, kMissing, kNoMemory };
+  What what;
+  int line;         // 1-based; 0 when the problem is not on one line
+  const char* key;  // the setting concerned, or null
+  int errnum;       // errno of a failed open or read
+  int min, max;     // the numbers a refused value may take
+  bool zeroAllowed;
+  char value[48];  // the refused value, cut to fit
+};
+// LoadConfig, with what went wrong described in *problem.
+DAXO_Error ReadConfig(DAXO_Client* client, const char* confFile, ConfigProblem* problem) noexcept;
+// DAXO_ExplainConfig after its guard clauses.
+DAXO_Error ExplainConfig(const char* confFile, char* buffer, size_t size) noexcept;
 
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;

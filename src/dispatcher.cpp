@@ -251,11 +251,8 @@ extern "C" DAXO_Error DispatchResponse(DAXO_Client* client, const char* topic,
                                        const char* message) noexcept {
   if (client == nullptr || topic == nullptr || message == nullptr)
     return DAXO_Error_InvalidArguments;
-  if (client->OnLog != nullptr) {
-    daxo::CStr line = daxo::Format("DispatchResponse: %s\n%s", topic, message);
-    if (!line) return DAXO_Error_NoMemory;  // the message is dropped with its line
-    client->OnLog(client, line.get(), client->callbackParameter);
-  }
+  if (!daxo::LogPayload(client, "DispatchResponse", topic, message))
+    return DAXO_Error_NoMemory;  // the message is dropped with its line
   daxo::TopicLevels levels;
   if (!levels.Tokenise(topic)) return DAXO_Error_NoMemory;
   const Message m{client, levels.Levels(), levels.Count(), message, topic};

@@ -87,6 +87,16 @@ const char* DAXO_ErrorName(DAXO_Error err) noexcept {
       return "DAXO_Error_NoBackendConnection";
     case DAXO_Error_CertificateRequest:
       return "DAXO_Error_CertificateRequest";
+    case DAXO_Error_ConnectionRefused:
+      return "DAXO_Error_ConnectionRefused";
+    case DAXO_Error_HostNotFound:
+      return "DAXO_Error_HostNotFound";
+    case DAXO_Error_ConnectionTimeout:
+      return "DAXO_Error_ConnectionTimeout";
+    case DAXO_Error_BrokerCertificateRefused:
+      return "DAXO_Error_BrokerCertificateRefused";
+    case DAXO_Error_ClientCertificateRefused:
+      return "DAXO_Error_ClientCertificateRefused";
   }
   return "DAXO_Error_(unknown)";
 }

@@ -91,11 +91,13 @@ namespace daxo {
 
 // The socket of an instance made by CreateMosquittoClient: none (between
 // attempts, or its thread has ended), open (connecting, shaking hands or
-// connected), or failed (a connection that will never complete). Unknown
-// for any other transport. Waits up to waitMs for a connection that is
-// still being made to succeed or fail.
+// connected), or failed (a connection that will never complete; *errnum,
+// when given, receives its errno, 0 when unknown). Unknown for any other
+// transport. Waits up to waitMs for a connection that is still being made to
+// succeed or fail.
 enum class SocketState { kUnknown, kNone, kOpen, kFailed };
-SocketState MosquittoSocketState(MosquittoInterface* mi, int waitMs) noexcept;
+SocketState MosquittoSocketState(MosquittoInterface* mi, int waitMs,
+                                 int* errnum = nullptr) noexcept;
 
 }  // namespace daxo
 #endif

@@ -1,6 +1,7 @@
 // The production side of MosquittoInterface: each entry forwards to
 // libmosquitto with the instance's handle and returns its result unchanged.
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <cstdlib>
 #include <new>
@@ -124,15 +125,18 @@ namespace daxo {
 
 // libmosquitto reports neither case: a socket whose connection failed (it
 // then spins on it for ever) and one still connecting or shaking hands.
-SocketState MosquittoSocketState(MosquittoInterface* mi, int waitMs) noexcept {
+SocketState MosquittoSocketState(MosquittoInterface* mi, int waitMs, int* errnum) noexcept {
   if (mi == nullptr || mi->mosquittoLoopStartFunction != MosquittoLoopStart || mi->mosq == nullptr)
     return SocketState::kUnknown;
   int fd = mosquitto_socket(Handle(mi));
   if (fd < 0) return SocketState::kNone;
   pollfd probe{fd, POLLOUT, 0};
-  if (poll(&probe, 1, waitMs) == 1 && (probe.revents & (POLLHUP | POLLERR)) != 0)
-    return SocketState::kFailed;
-  return SocketState::kOpen;
+  if (poll(&probe, 1, waitMs) != 1 || (probe.revents & (POLLHUP | POLLERR)) == 0)
+    return SocketState::kOpen;
+  // 0 when libmosquitto's TLS step has already read the error off the socket.
+  socklen_t size = sizeof *errnum;
+  if (errnum != nullptr && getsockopt(fd, SOL_SOCKET, SO_ERROR, errnum, &size) != 0) *errnum = 0;
+  return SocketState::kFailed;
 }
 
 }  // namespace daxo

@@ -51,6 +51,8 @@ DAXO_Error ConnectResultToError(int rc) noexcept {
       return DAXO_Error_TlsConnection;
     case MOSQ_ERR_ERRNO:
       return DAXO_Error_Errno;
+    case MOSQ_ERR_EAI:
+      return DAXO_Error_HostNotFound;
     default:
       return DAXO_Error_Unknown;
   }

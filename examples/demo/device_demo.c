@@ -263,7 +263,11 @@ int main(int argc, char** argv) {
   DAXO_LibInit();
   DAXO_Error err;
   DAXO_Client* client = DAXO_NewClient(argv[1], NULL, &err);
-  if (client == NULL) return Fail("reading the configuration", err, DAXO_ErrorName(err));
+  if (client == NULL) {
+    char why[512]; /* no OnLog can be set yet: the library says why in words */
+    DAXO_ExplainConfig(argv[1], why, sizeof why);
+    return Fail("reading the configuration", err, why);
+  }
   /* Every callback is set before provisioning and connecting. */
   DAXO_ProvisionClientCallbackSet(client, OnProvision);
   DAXO_ConnectCallbackSet(client, OnConnect);

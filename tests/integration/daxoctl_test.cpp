@@ -106,6 +106,18 @@ TEST_F(DaxoctlTest, ServesEveryCommand) {
   env.StopAgent();
   EXPECT_NE(Ctl({"ping", "--timeout", "1"}).find("no reply from the agent"), std::string::npos);
   EXPECT_EQ(exitCode, 3);
+
+  // Why a connection or a configuration fails, in words.
+  env.StopBroker();
+  std::string refused = Ctl({"ping"});
+  EXPECT_EQ(exitCode, 1);
+  EXPECT_NE(refused.find("connection failed: Connection to " + env.Host() + ":" +
+                         std::to_string(env.MainPort()) + " failed: no connection"),
+            std::string::npos)
+      << refused;
+  std::ofstream(config, std::ios::app) << "MqttPort 38x83\n";
+  EXPECT_NE(Ctl({"id"}).find(": MqttPort \"38x83\" is not a whole number"), std::string::npos);
+  EXPECT_EQ(exitCode, 1);
 }
 
 }  // namespace

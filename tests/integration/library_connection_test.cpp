@@ -26,6 +26,7 @@ namespace daxo_test {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 std::string ReadFile(const fs::path& path) {
   std::stringstream s;
@@ -91,7 +92,9 @@ TEST_F(LibraryTest, ProvisionsConnectsAndOutlastsOutages) {
   env.StopBroker();
   EXPECT_EQ(a.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
   ASSERT_EQ(DAXO_Connect(late), DAXO_Error_Success);
-  EXPECT_EQ(late.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
+  EXPECT_EQ(late.Code("disconnect"), DAXO_Error_ConnectionRefused);
+  EXPECT_TRUE(late.WaitForLog(":" + std::to_string(env.MainPort()) +
+                              " failed: no connection: Connection refused"));
   ASSERT_EQ(DAXO_ProvisionClient(fresh), DAXO_Error_Success);
   env.StartBroker();
   EXPECT_EQ(a.Code("connect"), DAXO_Error_Success);
@@ -102,6 +105,7 @@ TEST_F(LibraryTest, ProvisionsConnectsAndOutlastsOutages) {
   // library must notice and keep trying.
   env.RestartBroker(BrokerIdentity::kForeign);
   EXPECT_EQ(a.Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
+  EXPECT_TRUE(a.WaitForLog("failed: the client refused the broker's certificate"));
   EXPECT_TRUE(a.WaitForLog("certificate verify failed"));
   env.RestartBroker(BrokerIdentity::kTrusted);
   EXPECT_EQ(a.Code("connect"), DAXO_Error_Success);
@@ -109,6 +113,25 @@ TEST_F(LibraryTest, ProvisionsConnectsAndOutlastsOutages) {
 
   ASSERT_EQ(DAXO_Disconnect(a), DAXO_Error_Success);
   EXPECT_EQ(a.Code("disconnect"), DAXO_Error_Success);
+}
+
+// Which side refused which certificate, on either connection; the session
+// may end before DAXO_Connect or DAXO_ProvisionClient returns, or after.
+TEST_F(LibraryTest, NamesTheCertificateThatWasRefused) {
+  TestEnvironment env;
+  LibraryClient expired(env), fresh(env);
+  env.IssueClientCertificate(expired.CertFolder(), {.commonName = "expired", .start = -48h});
+  ASSERT_EQ(DAXO_ProvisionClient(expired), DAXO_Error_AlreadyProvisioned);
+  DAXO_Error connected = DAXO_Connect(expired);
+  EXPECT_EQ(connected == DAXO_Error_Success ? expired.Code("disconnect") : connected,
+            DAXO_Error_ClientCertificateRefused);
+  EXPECT_TRUE(expired.WaitForLog(std::to_string(env.MainPort()) + " failed: the broker "));
+
+  env.RestartBroker(BrokerIdentity::kForeign);
+  DAXO_Error started = DAXO_ProvisionClient(fresh);
+  EXPECT_TRUE(started == DAXO_Error_Success || started == DAXO_Error_BrokerCertificateRefused);
+  EXPECT_TRUE(fresh.WaitForLog(std::to_string(env.ProvisionPort()) +
+                               " failed: the client refused the broker's certificate"));
 }
 
 TEST_F(LibraryTest, RenewsItsCertificateAndAuthority) {

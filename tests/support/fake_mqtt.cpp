@@ -75,9 +75,12 @@ MI* FakeMqtt::Create(MI* mosqInterface, const char* id, int, void* callBackParam
            [](MI*, int) { return int{MOSQ_ERR_SUCCESS}; },
            [](MI* mi, const char* host, int port, int keepAlive) {
              alloc_failure::Suspend unarmed;
-             Of(mi).connects.push_back(Str(host) + ":" + std::to_string(port) + ":" +
-                                       std::to_string(keepAlive));
-             return Of(mi).connectResult;
+             FakeMqtt& f = Of(mi);
+             f.connects.push_back(Str(host) + ":" + std::to_string(port) + ":" +
+                                  std::to_string(keepAlive));
+             if (!f.connectLine.empty()) f.FireLog(f.connectLine.c_str());
+             errno = f.connectErrno;
+             return f.connectResult;
            },
            [](MI* mi) {
              Of(mi).disconnects++;
@@ -90,7 +93,7 @@ MI* FakeMqtt::Create(MI* mosqInterface, const char* id, int, void* callBackParam
              Of(mi).reconnectDelay = {delay, delayMax, static_cast<unsigned>(backoff)};
              return int{MOSQ_ERR_SUCCESS};
            },
-           [](MI*, MosquittoLogHandler) {},
+           [](MI* mi, MosquittoLogHandler h) { Of(mi).onLog = h; },
            [](MI* mi, MosquittoResultHandler h) { Of(mi).onConnect = h; },
            [](MI* mi, MosquittoResultHandler h) { Of(mi).onDisconnect = h; },
            [](MI* mi, MosquittoMessageHandler h) { Of(mi).onMessage = h; },

@@ -40,6 +40,7 @@ class FakeMqtt {
     return Fire(onSubscribe, mid, static_cast<int>(qos.size()), qos.data());
   }
   bool FirePublish(int mid) { return Fire(onPublish, mid); }
+  bool FireLog(const char* line) { return Fire(onLog, MOSQ_LOG_ERR, line); }
   // Delivers a message as libmosquitto does: payload NUL-terminated.
   bool Deliver(const std::string& topic, const std::string& payload, int qos = 2);
 
@@ -54,6 +55,7 @@ class FakeMqtt {
   std::vector<FakeSubscribe> subscribes;
   std::vector<FakePublish> publishes;
 
+  MosquittoLogHandler onLog = nullptr;
   MosquittoResultHandler onConnect = nullptr, onDisconnect = nullptr;
   MosquittoMessageHandler onMessage = nullptr;
   MosquittoSubscribeHandler onSubscribe = nullptr;
@@ -63,6 +65,8 @@ class FakeMqtt {
   int loopStartResult = MOSQ_ERR_SUCCESS, tlsSetResult = MOSQ_ERR_SUCCESS;
   int connectResult = MOSQ_ERR_SUCCESS, disconnectResult = MOSQ_ERR_SUCCESS;
   int subscribeResult = MOSQ_ERR_SUCCESS;
+  int connectErrno = 0;              // errno as a failed connect leaves it
+  std::string connectLine;           // logged by the next connect before it returns
   std::optional<int> publishResult;  // unset: checked like libmosquitto
 
  private:

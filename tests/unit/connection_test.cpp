@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 #include <cerrno>
+#include <functional>
 
 #include "client_fixture.h"
 
@@ -17,7 +19,7 @@ TEST_F(FakeClientTest, ConnectSetsUpTheMainInstanceAndReportsOnlyOnceSubscribed)
   EXPECT_EQ(fake.tls, client->caFile + (" " + certs + "/cert.crt " + certs + "/priv_key.key"));
   // Refusals and disconnections reach the application; acceptance subscribes first.
   for (int rc : {1, 2, 3, 5, 0}) fake.FireConnect(rc);
-  for (int rc : {0, 7}) fake.FireDisconnect(rc);  // 7: connection lost
+  for (int rc : {int{MOSQ_ERR_KEEPALIVE}, 0}) fake.FireDisconnect(rc);  // lost, then asked for
   EXPECT_EQ(fake.subscribes.at(0).filter, "/v1.0/client-1/#");
   fake.FireSubscribe(fake.subscribes[0].mid);
   std::string got;
@@ -25,8 +27,12 @@ TEST_F(FakeClientTest, ConnectSetsUpTheMainInstanceAndReportsOnlyOnceSubscribed)
   EXPECT_EQ(got,
             "OnConnect DAXO_Error_WrongProtocol\nOnConnect DAXO_Error_WrongIdentifier\n"
             "OnConnect DAXO_Error_ServerUnavailable\nOnConnect DAXO_Error_Unknown\n"
-            "OnDisconnect DAXO_Error_Success\nOnDisconnect DAXO_Error_UnexpectedDisconnect\n"
+            "OnDisconnect DAXO_Error_UnexpectedDisconnect\nOnDisconnect DAXO_Error_Success\n"
             "OnConnect DAXO_Error_Success\n");
+  EXPECT_EQ(logs.at(1),
+            "Connection to localhost:8883 failed: refused by the broker with CONNACK 1: "
+            "Connection Refused: unacceptable protocol version. (DAXO_Error_WrongProtocol)");
+  EXPECT_EQ(logs.at(5), "Connection to localhost:8883 lost: no answer within the keep-alive");
   ASSERT_EQ(DAXO_CheckConnection(client), DAXO_Error_Success);
   EXPECT_EQ(fake.publishes.at(0).topic, "/v1.0/client-1/ping");
   EXPECT_EQ(fake.publishes[0].payload, R"({"request":"CheckProvisioning"})") << "without its NUL";
@@ -55,6 +61,108 @@ TEST_F(FakeClientTest, ARefusedSubscriptionIsAFailedConnection) {
     for (const Call& call : calls)
       got += call.name + " " + DAXO_ErrorName(DAXO_Error(call.code)) + ";";
     EXPECT_EQ(got, "OnConnect DAXO_Error_ConnectionFailed;");
+  }
+}
+
+// Each way a connection fails reaches one callback with its own code, and
+// one line names the host, port and reason, once an outage.
+TEST_F(FakeClientTest, EachConnectionFailureIsNamedWithItsCode) {
+  const std::string verifyFailed =
+      "OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
+  const struct {
+    const char* failure;
+    std::function<void(FakeMqtt&)> before;  // set on the instance before it connects
+    std::function<void(FakeMqtt&)> happen;  // the attempt fails: the watch thread reports
+    std::string call, line;
+  } cases[] = {
+      {"the broker refuses", nullptr,
+       [](FakeMqtt& f) {
+         f.FireConnect(5);
+         f.FireDisconnect(MOSQ_ERR_CONN_REFUSED);
+       },
+       "OnConnect DAXO_Error_Unknown",
+       "refused by the broker with CONNACK 5: Connection Refused: not authorised. "
+       "(DAXO_Error_Unknown)"},
+      {"the client refuses the broker's certificate", nullptr,
+       [&](FakeMqtt& f) { f.FireLog(verifyFailed.c_str()); },
+       "OnDisconnect DAXO_Error_BrokerCertificateRefused",
+       "the client refused the broker's certificate: certificate verify failed "
+       "(DAXO_Error_BrokerCertificateRefused)"},
+      {"the broker ends the session after the handshake", nullptr,
+       [](FakeMqtt& f) {
+         errno = EPROTO;
+         f.FireDisconnect(MOSQ_ERR_CONN_LOST);
+       },
+       "OnDisconnect DAXO_Error_ClientCertificateRefused",
+       "the broker ended the TLS session after the handshake: it refused the client's "
+       "certificate (DAXO_Error_ClientCertificateRefused)"},
+      {"the broker's alert is read", nullptr,
+       [](FakeMqtt& f) {
+         f.FireLog(
+             "OpenSSL Error[0]: error:0A000415:SSL routines::sslv3 alert certificate expired");
+         errno = EPROTO;
+         f.FireDisconnect(MOSQ_ERR_ERRNO);
+       },
+       "OnDisconnect DAXO_Error_ClientCertificateRefused",
+       "the broker refused the client's certificate: sslv3 alert certificate expired "
+       "(DAXO_Error_ClientCertificateRefused)"},
+      {"another TLS failure", nullptr,
+       [](FakeMqtt& f) {
+         f.FireLog("OpenSSL Error[0]: error:0A00010B:SSL routines::wrong version number");
+       },
+       "OnDisconnect DAXO_Error_TlsConnection",
+       "TLS failure: wrong version number (DAXO_Error_TlsConnection)"},
+      {"no answer", nullptr, [](FakeMqtt&) {}, "OnDisconnect DAXO_Error_ConnectionTimeout",
+       "no answer within 2 s (DAXO_Error_ConnectionTimeout)"},
+      // Failures found while DAXO_Connect connects are its result.
+      {"the name cannot be resolved",
+       [](FakeMqtt& f) { f.connectResult = MOSQ_ERR_EAI, f.connectErrno = EAI_NONAME; }, nullptr,
+       "DAXO_Connect DAXO_Error_HostNotFound",
+       "the host name cannot be resolved: Name or service not known (DAXO_Error_HostNotFound)"},
+      {"refused at once",
+       [](FakeMqtt& f) { f.connectResult = MOSQ_ERR_ERRNO, f.connectErrno = ECONNREFUSED; },
+       nullptr, "DAXO_Connect DAXO_Error_ConnectionRefused",
+       "no connection: Connection refused (DAXO_Error_ConnectionRefused)"},
+      {"the broker ends the session at once",
+       [](FakeMqtt& f) { f.connectResult = MOSQ_ERR_ERRNO, f.connectErrno = EPROTO; }, nullptr,
+       "DAXO_Connect DAXO_Error_ClientCertificateRefused",
+       "it refused the client's certificate (DAXO_Error_ClientCertificateRefused)"},
+      {"the handshake fails at once",
+       [&](FakeMqtt& f) { f.connectLine = verifyFailed, f.connectResult = MOSQ_ERR_TLS; }, nullptr,
+       "DAXO_Connect DAXO_Error_BrokerCertificateRefused",
+       "certificate verify failed (DAXO_Error_BrokerCertificateRefused)"},
+  };
+  Provisioned();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.failure);
+    FakeMqtt::OnCreate(c.before);
+    {
+      std::lock_guard lock(logsMutex);
+      calls.clear(), logs.clear();
+    }
+    DAXO_Error connected = DAXO_Connect(client);
+    if (c.happen) {
+      ASSERT_EQ(connected, DAXO_Error_Success);
+      for (int twice = 0; twice < 2; ++twice) c.happen(*FakeMqtt::Last());
+      // Down for 2 s by the frozen clock.
+      timespec now{};
+      clock_gettime(CLOCK_BOOTTIME, &now);
+      __atomic_store_n(&client->mainWatch.downSinceMs, now.tv_sec * 1000LL - 2000,
+                       __ATOMIC_RELEASE);
+      Settle();
+    } else {
+      calls.push_back({"DAXO_Connect", connected, ""});
+    }
+    std::string got;
+    for (const Call& call : calls)
+      got += call.name + " " + DAXO_ErrorName(DAXO_Error(call.code)) + ";";
+    EXPECT_EQ(got, c.call + (c.call.starts_with("OnConnect") ? ";" + c.call + ";" : ";"));
+    std::lock_guard lock(logsMutex);
+    std::vector<std::string> named;
+    for (const std::string& line : logs)
+      if (line.starts_with("Connection to localhost:8883 failed: ")) named.push_back(line);
+    ASSERT_EQ(named.size(), 1u) << "once an outage: " << testing::PrintToString(logs);
+    EXPECT_TRUE(named[0].ends_with(c.line)) << named[0];
   }
 }
 

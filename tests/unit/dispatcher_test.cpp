@@ -67,6 +67,29 @@ TEST_F(FakeClientTest, DispatcherRoutesEveryReplyAndCommand) {
   EXPECT_TRUE(calls.empty()) << calls[0].name;
 }
 
+// A payload is logged whole up to 1,024 bytes, beyond that cut, with its
+// length: a 16 MB message used to become 34 MB of log lines.
+TEST_F(FakeClientTest, LoggedPayloadsAreCutAfter1024Bytes) {
+  FakeMqtt& fake = Connected();
+  const std::string whole(1024, 'a'), big(1 << 20, 'c');
+  const std::pair<std::string, std::string> cases[] = {
+      {whole, whole},
+      {whole + "b", whole + "... (1025 bytes, the first 1024 logged)"},
+      {big, big.substr(0, 1024) + "... (1048576 bytes, the first 1024 logged)"},
+  };
+  const std::string topic = "/v1.0/client-1/ping/info/inbox";
+  for (const auto& [payload, logged] : cases) {
+    logs.clear();
+    fake.Deliver(topic, payload);
+    ASSERT_EQ(SendMessageToAgent(client, "/v1.0/client-1/ping", payload.c_str(),
+                                 static_cast<int>(payload.size()), nullptr),
+              DAXO_Error_Success);
+    ASSERT_EQ(logs.size(), 2u);  // compared without printing a megabyte
+    EXPECT_TRUE(logs[0] == "DispatchResponse: " + topic + "\n" + logged) << logs[0].size();
+    EXPECT_TRUE(logs[1] == "SendMessage: " + logged) << logs[1].size();
+  }
+}
+
 // The dispatcher splits topics itself; it must see the levels libmosquitto's
 // tokeniser would give, empty ones null.
 TEST(TopicLevelsTest, SplitsAsLibmosquitto) {

@@ -58,7 +58,8 @@ TEST_F(ProvisioningTest, SendsTheRequestOnceTheProvisioningPortIsUp) {
   EXPECT_EQ(fake.publishes[0].topic, "/createConnector");
   EXPECT_EQ(testcert::RequestSubject(fake.publishes[0].payload), "O=QuellborneGmbH,CN=IOT-Client");
   EXPECT_EQ(client->provisionDigest, testcert::Sha256Hex(fake.publishes[0].payload));
-  EXPECT_TRUE(logs.empty()) << "the request is not logged";
+  for (const std::string& line : logs)
+    EXPECT_EQ(line.find("REQUEST"), std::string::npos) << "the request is not logged: " << line;
 }
 
 TEST_F(ProvisioningTest, RepliesEndTheExchange) {
@@ -136,25 +137,52 @@ TEST_F(ProvisioningTest, AStoredIdentityIsOnlyReadAndDeprovisioningRemovesIt) {
 
 namespace {
 
-// An agent that never answers: the exchange ends with a failure after its
-// time limit, from the watch thread, and releases its connection.
+// An exchange without an answer ends with a failure after its time limit,
+// from the watch thread, and releases its connection: the agent's silence
+// on a connection that was accepted, or why the connection never came up.
 TEST_F(ProvisioningTest, AnUnansweredExchangeEndsWithAFailure) {
+  const struct {
+    void (*happen)(FakeMqtt&);
+    DAXO_Error outcome;
+    const char* line;
+  } cases[] = {
+      {[](FakeMqtt& f) { f.FireConnect(0); }, DAXO_Error_ClientProvision,
+       "Provisioning: no answer from localhost:8884 within 30 s"},
+      {[](FakeMqtt& f) {
+         f.FireLog("OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed");
+       },
+       DAXO_Error_BrokerCertificateRefused,
+       "Connection to localhost:8884 failed: the client refused the broker's certificate: "
+       "certificate verify failed (DAXO_Error_BrokerCertificateRefused)"},
+      {[](FakeMqtt&) {}, DAXO_Error_ConnectionTimeout,
+       "Connection to localhost:8884 failed: no answer within 30 s (DAXO_Error_ConnectionTimeout)"},
+  };
   static std::promise<int>* outcome;
-  std::promise<int> reported;
-  outcome = &reported;
   DAXO_ProvisionClientCallbackSet(client, [](DAXO_Client*, void*, DAXO_Error err) {
     outcome->set_value(err);
   });
-  client->provisionTimeoutMs = 0;  // the unit tests' monotonic clock stands still
-  ASSERT_EQ(DAXO_ProvisionClient(client), DAXO_Error_Success);
-  FakeMqtt& fake = *FakeMqtt::Last();
-  std::future<int> result = reported.get_future();
-  ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  EXPECT_EQ(result.get(), DAXO_Error_ClientProvision);
-  Settle();
-  EXPECT_TRUE(fake.destroyed) << "the connection is released";
-  EXPECT_EQ(client->mosqProvision, nullptr);
-  EXPECT_EQ(client->provisionDigest, nullptr);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    std::promise<int> reported;
+    outcome = &reported;
+    logs.clear();
+    ASSERT_EQ(DAXO_ProvisionClient(client), DAXO_Error_Success);
+    FakeMqtt& fake = *FakeMqtt::Last();
+    c.happen(fake);
+    // The unit tests' monotonic clock stands still: the deadline is moved.
+    __atomic_store_n(&client->provisionDeadlineMs, 1, __ATOMIC_RELEASE);
+    Wake();
+    std::future<int> result = reported.get_future();
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(result.get(), c.outcome);
+    Settle();
+    EXPECT_TRUE(fake.destroyed) << "the connection is released";
+    EXPECT_EQ(client->mosqProvision, nullptr);
+    EXPECT_EQ(client->provisionDigest, nullptr);
+    std::lock_guard lock(logsMutex);
+    EXPECT_NE(std::find(logs.begin(), logs.end(), c.line), logs.end())
+        << testing::PrintToString(logs);
+  }
   DAXO_ProvisionClientCallbackSet(client, nullptr);
 }
 

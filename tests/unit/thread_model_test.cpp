@@ -239,7 +239,7 @@ TEST_F(ThreadModelTest, ConnectionCallsInsideCallbacksAreHandedToTheWatchThread)
       {"reconnect after a loss", Trigger::kLost, "OnDisconnect", DAXO_Error_UnexpectedDisconnect,
        true, DAXO_Connect, 2, "OnConnect", DAXO_Error_Success, 2},
       {"reconnect after an attempt that never came up", Trigger::kNeverUp, "OnDisconnect",
-       DAXO_Error_UnexpectedDisconnect, false, DAXO_Connect, 2, "OnConnect", DAXO_Error_Success, 1},
+       DAXO_Error_ConnectionTimeout, false, DAXO_Connect, 2, "OnConnect", DAXO_Error_Success, 1},
       {"reconnect once connected", Trigger::kConnected, "OnConnect", DAXO_Error_Success, true,
        DAXO_Connect, 2, "OnConnect", DAXO_Error_Success, 2},
       {"disconnect once connected", Trigger::kConnected, "OnConnect", DAXO_Error_Success, true,
@@ -276,8 +276,8 @@ TEST_F(ThreadModelTest, DeletionInsideACallbackIsRefused) {
     const char* callback;
     DAXO_Error code;
   } cases[] = {
-      {Trigger::kConnected, "OnConnect", DAXO_Error_Success},                // network thread
-      {Trigger::kNeverUp, "OnDisconnect", DAXO_Error_UnexpectedDisconnect},  // watch thread
+      {Trigger::kConnected, "OnConnect", DAXO_Error_Success},             // network thread
+      {Trigger::kNeverUp, "OnDisconnect", DAXO_Error_ConnectionTimeout},  // watch thread
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.callback);

@@ -16,8 +16,9 @@ int Provision(const Options& options) {
     if (std::optional<int> exit = session.Sent("provisioning", started)) return *exit;
     std::optional<Event> outcome = session.Wait("provision");
     if (!outcome) return session.Out().Failure(kTimeout, "no certificate from the agent in time");
-    if (auto exit = session.Sent("provisioning", static_cast<DAXO_Error>(outcome->code)))
-      return *exit;
+    if (auto err = static_cast<DAXO_Error>(outcome->code); err != DAXO_Error_Success)
+      return session.Out().Failure(kFailed, "provisioning failed: " + session.Reason(err),
+                                   DAXO_ErrorName(err), err);
   }
   std::string id = session.ClientId();
   session.Out().Result(session.Success().Add("clientId", id).AddBool("alreadyProvisioned", already),

@@ -83,6 +83,8 @@ void SetReplyCallbacks(DAXO_Client* client) {
 }
 
 void SetCallbacks(DAXO_Client* client) {
+  DAXO_LogCallbackSet(client,
+                      [](DAXO_Client*, const char* line, void* self) { Self(self).Noted(line); });
   DAXO_ProvisionClientCallbackSet(client, [](DAXO_Client*, void* self, DAXO_Error err) {
     Self(self).Record({.kind = "provision", .code = err});
   });
@@ -157,13 +159,28 @@ std::string Session::ClientId() const {
   return id != nullptr ? id : "";
 }
 
+void Session::Noted(const char* line) {
+  // The library names every connection failure in a line of this form.
+  if (std::string_view(line).starts_with("Connection to ")) {
+    std::lock_guard lock(mutex_);
+    failure_ = line;
+  }
+}
+
+std::string Session::Reason(DAXO_Error err) {
+  std::lock_guard lock(mutex_);
+  return failure_.empty() ? Describe(err) : failure_;
+}
+
 std::optional<int> Session::Create() {
   DAXO_Error err = DAXO_Error_Unknown;
   client_ = DAXO_NewClient(options_.config.c_str(), this, &err);
   if (client_ == nullptr) {
-    return printer_.Failure(kFailed, "cannot use the configuration " + options_.config + ": " +
-                                         Describe(err),
-                            DAXO_ErrorName(err), err);
+    char why[512];
+    DAXO_ExplainConfig(options_.config.c_str(), why, sizeof why);
+    return printer_.Failure(
+        kFailed, "cannot use the configuration: " + std::string(why) + " (" + Describe(err) + ")",
+        DAXO_ErrorName(err), err);
   }
   SetCallbacks(client_);
   return std::nullopt;
@@ -203,7 +220,8 @@ std::optional<int> Session::Load() {
 
 std::optional<int> Session::Open() {
   if (std::optional<int> exit = Load()) return exit;
-  if (std::optional<int> exit = Sent("connect", DAXO_Connect(client_))) return exit;
+  if (DAXO_Error err = DAXO_Connect(client_); err != DAXO_Error_Success)
+    return printer_.Failure(kFailed, "connect failed: " + Reason(err), DAXO_ErrorName(err), err);
   std::optional<Event> outcome;
   for (auto deadline = Deadline(); !outcome;) {
     std::optional<Event> event = Next(deadline);
@@ -212,8 +230,7 @@ std::optional<int> Session::Open() {
   }
   if (outcome->kind == "connect" && outcome->code == DAXO_Error_Success) return std::nullopt;
   auto err = static_cast<DAXO_Error>(outcome->code);
-  return printer_.Failure(kFailed, "connection failed: " + Describe(err), DAXO_ErrorName(err),
-                          err);
+  return printer_.Failure(kFailed, "connection failed: " + Reason(err), DAXO_ErrorName(err), err);
 }
 
 std::optional<int> Session::Sent(std::string_view what, DAXO_Error err) const {

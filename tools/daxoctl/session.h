@@ -83,6 +83,10 @@ class Session {
   // agent's refusal and returns the exit code, or returns the event.
   std::pair<std::optional<Event>, int> Reply(std::string_view kind);
 
+  // The library's line naming the last connection failure, or err's name.
+  std::string Reason(DAXO_Error err);
+  void Noted(const char* line);
+
   std::chrono::steady_clock::time_point Deadline() const;
   // {"command": ..., "ok": true}, to which a result adds its fields.
   JsonObject Success() const;
@@ -97,6 +101,7 @@ class Session {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<Event> events_;
+  std::string failure_;  // the last "Connection to ... failed" line
 };
 
 // Opens the session, sends one request and waits for its reply: the reply,
