@@ -120,14 +120,6 @@ INSTANTIATE_TEST_SUITE_P(, OwnHandlingTest,
                                            OwnHandling{"GivesUp", DAXO_Disconnect, false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 // A relay on a free loopback port to the broker's main listener that holds
 // what a client sends for a while after it connects, as a slow link holds a
 // TLS ClientHello. Every connection is held afresh.

@@ -49,13 +49,6 @@ void WriteFile(const std::string& path, const std::string& content) {
   if (!(std::ofstream(path, std::ios::binary) << content)) throw std::runtime_error(path);
 }
 
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 // Both sockets stay bound until both ports are known, so that they differ.
 void PickPorts(int& first, int& second) {
@@ -320,6 +313,14 @@ void TestEnvironment::IssueClientCertificate(const std::string& certFolder,
                                              const CertificateTerms& terms) const {
   authority_->Issue(certFolder + "/cert", terms);
   fs::rename(certFolder + "/cert.key", certFolder + "/priv_key.key");
+}
+
+sockaddr_in Loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
 }
 
 }  // namespace daxo_test

@@ -4,6 +4,8 @@
 #ifndef DAXO_TEST_ENVIRONMENT_H
 #define DAXO_TEST_ENVIRONMENT_H
 
+#include <netinet/in.h>
+
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -32,6 +34,9 @@ enum class BrokerIdentity {
   kTrusted,  // a certificate from the CA in CaFile()
   kForeign,  // a certificate from another CA: clients and agent must refuse it
 };
+
+// The loopback address at port (0: any free port).
+sockaddr_in Loopback(int port);
 
 class TestEnvironment {
  public:
