@@ -96,12 +96,15 @@ void DisconnectCallback(struct mosquitto* /*mosq*/, void* obj, int result) noexc
 void PublishCallback(struct mosquitto* /*mosq*/, void* obj, int mid) noexcept {
   daxo::LibraryThreadScope libraryThread;
   auto* client = static_cast<DAXO_Client*>(obj);
-  if (client == nullptr || mid != client->messageId) return;
+  // Without a deprovision callback the completion is not carried out, as if
+  // no handler were installed.
+  if (client == nullptr) return;
+  DAXO_OnDeprovisionClient onDeprovision = daxo::Get(client->OnDeprovisionClient);
+  if (onDeprovision == nullptr || mid != client->messageId) return;
   client->messageId = 0;
   daxo::Store(client->dailyChecksOff, 1);
   DeleteCertificates(client);
-  if (client->OnDeprovisionClient != nullptr)
-    client->OnDeprovisionClient(client, client->callbackParameter);
+  onDeprovision(client, client->callbackParameter);
 }
 
 // libmosquitto may read errno after a line it logged.
@@ -144,7 +147,10 @@ void InstallHandlers(DAXO_Client* client, MosquittoInterface* mi) noexcept {
   mi->mosquittoDisconnectConnectCallbackSetFunction(mi, DisconnectCallback);
   mi->mosquittMessageCallbackSetFunction(mi, MainMessageCallback);
   mi->mosquittoSubscribeCallbackSetFunction(mi, SubscribeCallback);
-  daxo::InstallPublishHandler(client);
+  // Always installed: setting it later, from the application's thread,
+  // would take libmosquitto's callback lock while a callback on the network
+  // thread may be waiting to send.
+  mi->mosquittoPublishCallbackSetFunction(mi, PublishCallback);
 }
 
 DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
@@ -198,14 +204,6 @@ DAXO_Error PublishOn(MosquittoInterface* mi, const char* topic, const char* mess
   if (mi == nullptr) return DAXO_Error_NoConnectionToServer;
   return PublishResultToError(
       mi->mosquittoPublishFunction(mi, messageId, topic, length, message, 2, 0));
-}
-
-void InstallPublishHandler(DAXO_Client* client) noexcept {
-  MutexLock lock(&client->instanceMutex);
-  MosquittoInterface* mi = client->mosq;
-  if (mi == nullptr) return;  // remembered for the next main instance
-  mi->mosquittoPublishCallbackSetFunction(
-      mi, Get(client->OnDeprovisionClient) != nullptr ? PublishCallback : nullptr);
 }
 
 DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept {

@@ -160,7 +160,8 @@ constexpr char kReplyFilter[] = "/certBack/#";
 constexpr size_t kDigestSize = 65;
 
 void Deliver(DAXO_Client* client, DAXO_Error outcome) noexcept {
-  if (client->OnProvision != nullptr) client->OnProvision(client, client->callbackParameter, outcome);
+  if (OnProvisionCallback onProvision = daxo::Get(client->OnProvision))
+    onProvision(client, client->callbackParameter, outcome);
 }
 
 // The request always travels on the provisioning instance: the main

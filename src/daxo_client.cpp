@@ -231,9 +231,7 @@ DAXO_Error DAXO_CheckConnectionCallbackSet(DAXO_Client* client,
 
 DAXO_Error DAXO_DeprovisionClientCallbackSet(
     DAXO_Client* client, DAXO_OnDeprovisionClient OnDeprovisionClient) noexcept {
-  DAXO_Error err = SetCallback(client, &DAXO_Client::OnDeprovisionClient, OnDeprovisionClient);
-  if (err == DAXO_Error_Success) daxo::InstallPublishHandler(client);
-  return err;
+  return SetCallback(client, &DAXO_Client::OnDeprovisionClient, OnDeprovisionClient);
 }
 
 DAXO_Error DAXO_CreateSensorJobCallbackSet(DAXO_Client* client,

@@ -396,10 +396,6 @@ inline constexpr size_t kLoggedPayloadMax = 1024;
 bool LogPayload(DAXO_Client* client, const char* label, const char* topic,
                 const char* payload) noexcept;
 
-// Wires the deprovisioning completion handler onto the main instance, or
-// removes it when no deprovision callback is set.
-void InstallPublishHandler(DAXO_Client* client) noexcept;
-
 // Transport results as the library reports them.
 DAXO_Error ConnectResultToError(int rc) noexcept;
 DAXO_Error LoopStartResultToError(int rc) noexcept;

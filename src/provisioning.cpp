@@ -20,8 +20,9 @@ DAXO_Error ReadIdentity(DAXO_Client* client) noexcept {
 
 extern "C" void ProvisionCallback(DAXO_Client* client, void* callbackParameter,
                                   DAXO_Error err) noexcept {
-  if (client != nullptr && client->OnProvisionClient != nullptr)
-    client->OnProvisionClient(client, callbackParameter, err);
+  if (client == nullptr) return;
+  if (DAXO_OnProvisionClient onProvision = daxo::Get(client->OnProvisionClient))
+    onProvision(client, callbackParameter, err);
 }
 
 extern "C" DAXO_Error ProvisionClientInternal(DAXO_Client* client,
@@ -32,13 +33,14 @@ extern "C" DAXO_Error ProvisionClientInternal(DAXO_Client* client,
   int stored = CheckCertificates(client);
   if (stored < 0) return DAXO_Error_NoMemory;
   if (!stored) {
-    client->OnProvision = ProvisionCallback;
+    __atomic_store_n(&client->OnProvision, static_cast<OnProvisionCallback>(ProvisionCallback),
+                     __ATOMIC_RELEASE);
     daxo::Store(client->dailyChecksOff, 0);
     return daxo::RunOnOwner(client, OwnerProvision, mosquitto);
   }
   if (DAXO_Error err = ReadIdentity(client); err != DAXO_Error_Success) return err;
-  if (client->OnProvisionClient != nullptr)
-    client->OnProvisionClient(client, client->callbackParameter, DAXO_Error_AlreadyProvisioned);
+  if (DAXO_OnProvisionClient onProvision = daxo::Get(client->OnProvisionClient))
+    onProvision(client, client->callbackParameter, DAXO_Error_AlreadyProvisioned);
   return DAXO_Error_AlreadyProvisioned;
 }
 
