@@ -59,15 +59,19 @@ void Grow(ConnectionWatch& watch) noexcept {
   Write(watch.graceMs, Jittered(longer < kLongestGraceMs ? longer : kLongestGraceMs));
 }
 
-// Stops whatever the instance's thread is doing (it may be parked for good)
-// and starts a new attempt, with a longer grace than the last.
-// A failed start names its reason itself.
-void Restart(const daxo::Endpoint& at, MosquittoInterface* mi) noexcept {
-  daxo::LogFormat(at.client, "Connection to %s:%d not established within %lld s; trying again",
-                  at.client->mqttHost, at.port, Read(at.watch.graceMs) / 1000);
+// Stops whatever the instance's thread is doing (it may be parked for good).
+void StopAttempt(const daxo::Endpoint& at, MosquittoInterface* mi) noexcept {
   daxo::SetSendable(at.client, at.watch, 0);
   mi->mosquittoDisconnectFunction(mi);
   mi->mosquittoLoopStopFunction(mi, 1);
+}
+
+// A new attempt with a longer grace than the last; a failed start names its
+// reason itself.
+void Restart(const daxo::Endpoint& at, MosquittoInterface* mi) noexcept {
+  daxo::LogFormat(at.client, "Connection to %s:%d not established within %lld s; trying again",
+                  at.client->mqttHost, at.port, Read(at.watch.graceMs) / 1000);
+  StopAttempt(at, mi);
   Grow(at.watch);
   daxo::StartAttempt(at, mi);
 }
@@ -83,10 +87,8 @@ void SuperviseAttempt(const daxo::Endpoint& at, MosquittoInterface* mi) noexcept
   int errnum = 0;
   switch (daxo::MosquittoSocketState(mi, 0, &errnum)) {
     case daxo::SocketState::kFailed:
-      daxo::SetSendable(at.client, watch, 0);
       daxo::NoteSocketFailure(at, errnum);
-      mi->mosquittoDisconnectFunction(mi);
-      mi->mosquittoLoopStopFunction(mi, 1);
+      StopAttempt(at, mi);
       Write(watch.retryAtMs, daxo::NowMs() + kRetryMs);
       return;
     case daxo::SocketState::kOpen:
