@@ -1,7 +1,7 @@
 // Faults in a connection's life that used to hang the application or never
-// end: callbacks that reconnect or give up, a link slower than the first
-// grace, a deprovisioning that meets a disconnection, and a broker that comes
-// and goes while the application pushes and reconnects at random.
+// end: a link slower than the first grace, a deprovisioning that meets a
+// disconnection, and a broker that comes and goes while the application
+// pushes and reconnects at random from its callbacks.
 // DAXO_CHAOS_SECONDS sets the length of the last (20 by default).
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -71,54 +71,6 @@ template <class Client>
 Client& As(void* self) {
   return *static_cast<Client*>(static_cast<LibraryClient*>(self));
 }
-
-// What an application's OnDisconnect does about any disconnection.
-struct OwnHandling {
-  const char* name;
-  DAXO_Error (*call)(DAXO_Client*);
-  bool reconnects;
-};
-
-void PrintTo(const OwnHandling& handling, std::ostream* out) { *out << handling.name; }
-
-class HandlingClient : public LibraryClient {
- public:
-  HandlingClient(TestEnvironment& env, const OwnHandling& handling)
-      : LibraryClient(env), call_(handling.call) {
-    DAXO_DisconnectCallbackSet(*this, [](DAXO_Client* client, void* self, DAXO_Error err) {
-      HandlingClient& c = As<HandlingClient>(self);
-      c.Record("disconnect", err);
-      c.Record("call", c.call_(client));
-    });
-  }
-
- private:
-  DAXO_Error (*const call_)(DAXO_Client*);
-};
-
-class OwnHandlingTest : public LibraryTest, public ::testing::WithParamInterface<OwnHandling> {};
-
-// The call runs on the network thread that reports the loss and on the watch
-// thread that reports an attempt not coming up: made there synchronously, it
-// would stop the thread it runs on.
-TEST_P(OwnHandlingTest, OnDisconnectCallsTheLibraryAndDeletionStillReturns) {
-  TestEnvironment env;
-  auto c = std::make_unique<HandlingClient>(env, GetParam());
-  ASSERT_TRUE(c->ProvisionAndConnect());
-  env.StopBroker();
-  ASSERT_EQ(c->Code("disconnect"), DAXO_Error_UnexpectedDisconnect);
-  EXPECT_EQ(c->Code("call"), DAXO_Error_Success) << "handed to the watch thread";
-  env.StartBroker();
-  if (GetParam().reconnects) {
-    EXPECT_EQ(c->Next("connect", 30s).code, DAXO_Error_Success);
-  }
-  DeleteWithin(c);
-}
-
-INSTANTIATE_TEST_SUITE_P(, OwnHandlingTest,
-                         ::testing::Values(OwnHandling{"Reconnects", DAXO_Connect, true},
-                                           OwnHandling{"GivesUp", DAXO_Disconnect, false}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 // A relay on a free loopback port to the broker's main listener that holds
 // what a client sends for a while after it connects, as a slow link holds a

@@ -58,7 +58,6 @@ struct World {
   std::mutex mutex;
   std::condition_variable changed;
   bool brokerUp = true, hold = false;
-  int grantedQos = -1;
   std::vector<std::unique_ptr<Instance>> instances;
   std::vector<std::shared_ptr<Loop>> loops;
   std::vector<std::string> violations;
@@ -224,7 +223,7 @@ int Subscribe(MI* mi, int* mid, const char* sub, int qos) {
   if (!in.connected) return MOSQ_ERR_NO_CONN;
   int m = in.nextMid++;
   if (mid != nullptr) *mid = m;
-  in.events.push_back({Event::kSuback, m, w.grantedQos < 0 ? qos : w.grantedQos});
+  in.events.push_back({Event::kSuback, m, qos});
   w.changed.notify_all();
   return MOSQ_ERR_SUCCESS;
 }
@@ -321,9 +320,6 @@ auto Locked(F f) {
 void SetBrokerUp(bool up) {
   Locked([up](World& w) { w.brokerUp = up; });
 }
-void SetGrantedQos(int qos) {
-  Locked([qos](World& w) { w.grantedQos = qos; });
-}
 void HoldCompletions(bool hold) {
   Locked([hold](World& w) { w.hold = hold; });
 }
@@ -332,9 +328,6 @@ bool OnNetworkThread() { return networkOf != nullptr; }
 
 std::vector<std::string> Violations() {
   return Locked([](World& w) { return w.violations; });
-}
-int Made() {
-  return Locked([](World& w) { return static_cast<int>(w.instances.size()); });
 }
 int Unreleased() {
   return Locked([](World& w) {

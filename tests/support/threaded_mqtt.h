@@ -30,9 +30,6 @@ void Destroy(MosquittoInterface* mosqInterface);
 // connection (disconnect handler with MOSQ_ERR_CONN_LOST); each instance
 // connects again by itself once the broker is back.
 void SetBrokerUp(bool up);
-// The QoS granted to later subscriptions (0x80: refused); -1 grants what
-// was asked.
-void SetGrantedQos(int qos);
 // While held, QoS 2 completions are not delivered until released or until
 // the client asks to disconnect: the broker's answer then reaches the
 // handler just before the loop ends, while the disconnecting thread waits.
@@ -42,14 +39,13 @@ void HoldCompletions(bool hold);
 bool OnNetworkThread();
 
 std::vector<std::string> Violations();
-int Made();        // instances made since Reset
 int Unreleased();  // made and not yet released
 int Running();     // network threads that have not ended
 // Waits until at least n instances have been made; false after bound.
 bool AwaitMade(int n, std::chrono::milliseconds bound);
 
 // Ends every network thread and forgets every instance and violation; the
-// broker is up again, grants what is asked and holds nothing. A thread that
+// broker is up again and holds nothing. A thread that
 // does not end within a few seconds is abandoned with its instances (a test
 // that leaked a stuck client), and Reset returns false.
 bool Reset();
