@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "environment.h"
@@ -35,9 +36,18 @@ std::vector<std::string> PrintedAgentCommand(const TestEnvironment& env) {
 TEST(DevEnvironmentTest, ItsClientConfigurationServesAnApplication) {
   TestEnvironment env;
   std::string log = (env.Folder() / "minimal_push.log").string();
-  ExitStatus run = RunCommand({DAXO_MINIMAL_PUSH_PATH, (env.Folder() / "client.conf").string()},
-                              log, 60s);
+  ExitStatus run =
+      RunCommand({DAXO_MINIMAL_PUSH_PATH, (env.Folder() / "client.conf").string()}, log, 60s);
   EXPECT_TRUE(run.Clean()) << run.Describe() << "\n" << Read(log);
+
+  std::string values = (env.Folder() / "values.log").string();
+  ASSERT_TRUE(
+      RunCommand({DAXO_AGENT_PATH, "--state", (env.Folder() / "agent-state").string(), "values"},
+                 values)
+          .Clean());
+  EXPECT_TRUE(
+      std::regex_search(Read(values), std::regex(" 21\\.5 .* \\d{4}-\\d\\d-\\d\\d \\d\\d:")))
+      << Read(values);
 }
 
 TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
@@ -54,8 +64,14 @@ TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
     bool starts;
   } cases[] = {
       {"as printed", {}, "which the broker trusts", true},
-      {"the clients' cafile given too", {"--client-cafile", env.CaFile()}, "daxo-agent: ready", true},
-      {"another authority", {"--state", other + "/agent-state"}, "does not hold this agent's", false},
+      {"the clients' cafile given too",
+       {"--client-cafile", env.CaFile()},
+       "daxo-agent: ready",
+       true},
+      {"another authority",
+       {"--state", other + "/agent-state"},
+       "does not hold this agent's",
+       false},
       {"another cafile given", {"--client-cafile", other + "/ca.crt"}, "does not hold", false},
       {"a port the broker does not listen on", {"--port", "1"}, "has no listener on port 1", false},
   };

@@ -50,7 +50,6 @@ void WriteFile(const std::string& path, const std::string& content) {
   if (!(std::ofstream(path, std::ios::binary) << content)) throw std::runtime_error(path);
 }
 
-
 // Both sockets stay bound until both ports are known, so that they differ.
 void PickPorts(int& first, int& second) {
   int fds[2] = {-1, -1}, *ports[2] = {&first, &second};
@@ -182,10 +181,10 @@ TestEnvironment::TestEnvironment(std::vector<std::string> agentArguments)
 // command lines it prints.
 void TestEnvironment::WriteFiles() {
   std::string log = PathOf("init.out");
-  ExitStatus init = RunCommand({DAXO_AGENT_PATH, "init", folder_.string(), "--port",
-                                std::to_string(mainPort_), "--provision-port",
-                                std::to_string(provisionPort_)},
-                               log);
+  ExitStatus init =
+      RunCommand({DAXO_AGENT_PATH, "init", folder_.string(), "--port", std::to_string(mainPort_),
+                  "--provision-port", std::to_string(provisionPort_)},
+                 log);
   std::ifstream out(log);
   std::vector<std::string> lines;
   for (std::string line; std::getline(out, line);) lines.push_back(line);

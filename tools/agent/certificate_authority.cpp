@@ -175,7 +175,8 @@ IssuedCertificate CertificateAuthority::Issue(const CertificateOrder& order) con
   AddExtension(cert.get(), cert_.get(), NID_basic_constraints, "critical,CA:FALSE");
   AddExtension(cert.get(), cert_.get(), NID_key_usage,
                rsa ? "critical,digitalSignature,keyEncipherment" : "critical,digitalSignature");
-  AddExtension(cert.get(), cert_.get(), NID_ext_key_usage, order.server ? "serverAuth" : "clientAuth");
+  AddExtension(cert.get(), cert_.get(), NID_ext_key_usage,
+               order.server ? "serverAuth" : "clientAuth");
   if (!order.subjectAltName.empty())
     AddExtension(cert.get(), cert_.get(), NID_subject_alt_name, order.subjectAltName.c_str());
   AddExtension(cert.get(), cert_.get(), NID_subject_key_identifier, "hash");

@@ -20,7 +20,7 @@ struct CertificateOrder {
   std::string commonName{};
   std::string organisation{};  // empty: no O entry
   std::chrono::seconds validity{0};
-  bool server = false;         // serverAuth instead of clientAuth
+  bool server = false;           // serverAuth instead of clientAuth
   std::string subjectAltName{};  // e.g. "DNS:localhost,IP:127.0.0.1"; empty: none
 };
 

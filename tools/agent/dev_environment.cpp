@@ -52,7 +52,8 @@ std::string Listener(const fs::path& dir, int port, bool main) {
            "# its common name is the user name that main.acl confines.\n" +
            text +
            "require_certificate true\nuse_identity_as_username true\nallow_anonymous false\n"
-           "acl_file " + (dir / "main.acl").string() + "\n";
+           "acl_file " +
+           (dir / "main.acl").string() + "\n";
   return "\n# Provisioning: anonymous clients ask the agent for a certificate.\n" + text +
          "require_certificate false\nallow_anonymous true\nacl_file " +
          (dir / "provisioning.acl").string() + "\n";
@@ -85,8 +86,7 @@ std::string AgentCommand(const DevEnvironment& env, const fs::path& dir) {
   return (error ? "daxo-agent" : self.string()) + " --host " + kHost + " --port " +
          std::to_string(env.mainPort) + " --cafile " + (dir / "ca.crt").string() + " --cert " +
          (dir / "agent.crt").string() + " --key " + (dir / "agent.key").string() + " --state " +
-         (dir / "agent-state").string() + " --broker-config " +
-         (dir / "mosquitto.conf").string();
+         (dir / "agent-state").string() + " --broker-config " + (dir / "mosquitto.conf").string();
 }
 
 // The configuration files hold paths as single words, and the printed lines
@@ -94,8 +94,8 @@ std::string AgentCommand(const DevEnvironment& env, const fs::path& dir) {
 void RequirePlainPath(const fs::path& dir) {
   std::string text = dir.string();
   auto plain = [](unsigned char c) {
-    return std::isalnum(c) || std::string_view("/._-+,:@%").find(static_cast<char>(c)) !=
-                                  std::string_view::npos;
+    return std::isalnum(c) ||
+           std::string_view("/._-+,:@%").find(static_cast<char>(c)) != std::string_view::npos;
   };
   if (!std::all_of(text.begin(), text.end(), plain))
     throw std::runtime_error("\"" + text +
@@ -115,9 +115,9 @@ void WriteDevEnvironment(const DevEnvironment& env) {
   }
   CertificateAuthority ca = CertificateAuthority::Open((dir / "agent-state").string());
   WriteFile(dir / "ca.crt", ca.Pem());
-  IssuePair(ca, dir, "broker",
-            {.commonName = "localhost", .server = true,
-             .subjectAltName = "DNS:localhost,IP:127.0.0.1"});
+  IssuePair(
+      ca, dir, "broker",
+      {.commonName = "localhost", .server = true, .subjectAltName = "DNS:localhost,IP:127.0.0.1"});
   IssuePair(ca, dir, "agent", {.commonName = "daxo-agent"});
   WriteFile(dir / "provisioning.acl", "topic write /createConnector\ntopic read /certBack/#\n");
   WriteFile(dir / "main.acl",

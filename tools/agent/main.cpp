@@ -48,10 +48,11 @@ void InstallSignalHandlers() {
 }
 
 // Refuses, by throwing, to issue certificates that the broker would refuse.
-void CheckBrokerTrust(const daxo_agent::Options& options, const daxo_agent::CertificateAuthority& ca) {
+void CheckBrokerTrust(const daxo_agent::Options& options,
+                      const daxo_agent::CertificateAuthority& ca) {
   using namespace daxo_agent;
-  std::string issuing = "issuing client certificates from \"" + ca.Subject() + "\" (" +
-                        ca.CertificatePath() + ")";
+  std::string issuing =
+      "issuing client certificates from \"" + ca.Subject() + "\" (" + ca.CertificatePath() + ")";
   if (!options.clientCaFile.empty()) RequireTrust(ca, options.clientCaFile, "--client-cafile");
   if (options.brokerConfig.empty()) {
     Log(issuing + (options.clientCaFile.empty()
@@ -127,8 +128,8 @@ int SendCommand(const daxo_agent::Options& options) {
   }
   // People read the answer on a terminal; scripts read one line from a pipe.
   bool pretty = parsed && isatty(STDOUT_FILENO);
-  std::puts(pretty ? json_object_to_json_string_ext(parsed.get(), JSON_C_TO_STRING_PRETTY |
-                                                                      JSON_C_TO_STRING_NOSLASHESCAPE)
+  std::puts(pretty ? json_object_to_json_string_ext(
+                         parsed.get(), JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE)
                    : answer.c_str());
   return done ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "registry_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -28,8 +29,9 @@ std::string LocalTime(int64_t millis) {
   return text;
 }
 
-std::string MetricLine(json_object* metric) {
+std::string MetricLine(json_object* metric, int nameWidth) {
   std::string type = Member(metric, "valueType"), unit = Member(metric, "valueUnit");
+  if (unit.empty()) unit = Member(metric, "valueAnnotation");
   json_object* updated = nullptr;
   int64_t millis = json_object_object_get_ex(metric, "lastUpdated", &updated)
                        ? json_object_get_int64(updated)
@@ -38,8 +40,8 @@ std::string MetricLine(json_object* metric) {
   value = millis <= 0 ? "-" : type == "string" ? "\"" + value + "\"" : RoundedValue(value);
   if (!unit.empty()) value += " (" + unit + ")";
   char line[512];
-  std::snprintf(line, sizeof line, "    %-14s %-32s %s\n", Member(metric, "name").c_str(),
-                value.c_str(), LocalTime(millis).c_str());
+  std::snprintf(line, sizeof line, "    %-*s  %-32s %s\n", nameWidth,
+                Member(metric, "name").c_str(), value.c_str(), LocalTime(millis).c_str());
   return line;
 }
 
@@ -75,8 +77,12 @@ std::string RegistryText(json_object* registry) {
       std::size_t count = Length(metrics);
       text += "  sensor \"" + Member(sensor, "name") + "\" (" + Member(sensor, "sensorId") + ")" +
               (count == 0 ? ", no metrics\n" : "\n");
+      int width = 0;
       for (std::size_t m = 0; m < count; ++m)
-        text += MetricLine(json_object_array_get_idx(metrics, m));
+        width = std::max(
+            width, static_cast<int>(Member(json_object_array_get_idx(metrics, m), "name").size()));
+      for (std::size_t m = 0; m < count; ++m)
+        text += MetricLine(json_object_array_get_idx(metrics, m), width);
     }
   }
   return text;
