@@ -3,31 +3,51 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 namespace daxo_agent {
 
+namespace {
+
+struct Listener {
+  int port = 0;
+  std::string caFile{}, caPath{};
+};
+
+}  // namespace
+
 std::string ClientCaFileOf(const std::string& brokerConfig, int port) {
   std::ifstream in(brokerConfig);
   if (!in) throw std::runtime_error("cannot read the broker configuration " + brokerConfig);
-  bool found = false, inListener = false;
-  std::string caFile, caPath;
+  // The lines before the first "listener" set up the default one, on "port".
+  Listener defaults{1883}, other, wanted;
+  Listener* current = &defaults;
+  bool found = false;
   for (std::string line; std::getline(in, line);) {
     std::istringstream words(line);
     std::string key, value;
     if (!(words >> key) || key.starts_with('#')) continue;
     words >> value;
     if (key == "listener") {
-      inListener = value == std::to_string(port);
-      found = found || inListener;
-    } else if (inListener && key == "cafile") {
-      caFile = value;
-    } else if (inListener && key == "capath") {
-      caPath = value;
+      bool match = !found && value == std::to_string(port);
+      found = found || match;
+      current = match ? &wanted : &(other = {});
+    } else if (key == "port" && current == &defaults) {
+      defaults.port = std::atoi(value.c_str());
+    } else if (key == "cafile") {
+      current->caFile = value;
+    } else if (key == "capath") {
+      current->caPath = value;
     }
   }
+  if (!found && defaults.port == port) {
+    wanted = defaults;
+    found = true;
+  }
+  const std::string &caFile = wanted.caFile, &caPath = wanted.caPath;
   std::string where = brokerConfig + ", listener " + std::to_string(port);
   if (!found)
     throw std::runtime_error(brokerConfig + " has no listener on port " + std::to_string(port) +
