@@ -57,6 +57,14 @@ TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
   ASSERT_TRUE(RunCommand({DAXO_AGENT_PATH, "init", other}, other + ".log").Clean());
   const std::vector<std::string> printed = PrintedAgentCommand(env);
   ASSERT_FALSE(printed.empty()) << Read(env.Folder() / "init.out");
+  // Hand-written broker configurations: a cafile belongs to the listener it follows.
+  auto config = [&](const std::string& name, const std::string& text) {
+    std::ofstream(env.Folder() / name) << text;
+    return (env.Folder() / name).string();
+  };
+  std::string port = std::to_string(env.MainPort()), ca = "cafile " + env.CaFile() + "\n";
+  std::string defaultListener = config("default.conf", "port " + port + "\n" + ca);
+  std::string otherListener = config("other.conf", ca + "listener " + port + "\n");
   struct Case {
     const char* name;
     std::vector<std::string> arguments;
@@ -74,6 +82,8 @@ TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
        false},
       {"another cafile given", {"--client-cafile", other + "/ca.crt"}, "does not hold", false},
       {"a port the broker does not listen on", {"--port", "1"}, "has no listener on port 1", false},
+      {"the default listener", {"--broker-config", defaultListener}, "broker trusts", true},
+      {"another listener's cafile", {"--broker-config", otherListener}, "names no cafile", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
