@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace daxo_test {
@@ -48,7 +49,6 @@ void WritePair(const std::string& name, EVP_PKEY* key, X509* cert) {
 void WriteFile(const std::string& path, const std::string& content) {
   if (!(std::ofstream(path, std::ios::binary) << content)) throw std::runtime_error(path);
 }
-
 
 // Both sockets stay bound until both ports are known, so that they differ.
 void PickPorts(int& first, int& second) {
@@ -158,20 +158,16 @@ TestEnvironment::TempFolder::~TempFolder() {
 TestEnvironment::TestEnvironment(std::vector<std::string> agentArguments)
     : agentArguments_(std::move(agentArguments)),
       authority_(std::make_unique<Authority>("daxo test CA")) {
-  authority_->Issue(PathOf("broker"), {"localhost", -1h}, true);
-  authority_->Issue(PathOf("agent"), {"daxo-agent", -1h});
+  // init keeps an authority it finds: this one expires within a day, so that
+  // clients renew their trust in it.
   fs::create_directory(folder_ / "agent-state");
   fs::permissions(folder_ / "agent-state", fs::perms::owner_all, fs::perm_options::replace);
   WritePair(PathOf("agent-state/ca"), authority_->key.get(), authority_->cert.get());
-  fs::copy_file(PathOf("agent-state/ca.crt"), CaFile());
-  WriteFile(PathOf("provisioning.acl"), "topic write /createConnector\ntopic read /certBack/#\n");
-  WriteFile(PathOf("main.acl"),
-            "pattern readwrite /v1.0/%u/#\n\nuser daxo-agent\ntopic readwrite #\n");
   fs::create_directory(folder_ / "clients");
   // Another process may take a port between our probe and the broker's bind.
   for (int attempt = 1;; ++attempt) try {
       PickPorts(provisionPort_, mainPort_);
-      WriteBrokerConfig(BrokerIdentity::kTrusted);
+      WriteFiles();
       StartBroker();
       break;
     } catch (const std::runtime_error&) {
@@ -181,6 +177,36 @@ TestEnvironment::TestEnvironment(std::vector<std::string> agentArguments)
   StartAgent();
 }
 
+// What a developer gets from `daxo-agent init`, started with the two
+// command lines it prints.
+void TestEnvironment::WriteFiles() {
+  std::string log = PathOf("init.out");
+  ExitStatus init =
+      RunCommand({DAXO_AGENT_PATH, "init", folder_.string(), "--port", std::to_string(mainPort_),
+                  "--provision-port", std::to_string(provisionPort_)},
+                 log);
+  std::ifstream out(log);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(out, line);) lines.push_back(line);
+  if (!init.Clean()) throw std::runtime_error("daxo-agent init failed:" + Tail(lines));
+  auto words = [](const std::string& line) {
+    std::vector<std::string> argv;
+    std::istringstream in(line);
+    for (std::string word; in >> word;) argv.push_back(word);
+    return argv;
+  };
+  for (const std::string& line : lines) {
+    if (line.find(" --broker-config ") != line.npos) agentCommand_ = words(line);
+    if (line.find(kMosquitto) != line.npos) brokerCommand_ = words(line);
+  }
+  if (agentCommand_.empty() || brokerCommand_.empty())
+    throw std::runtime_error("daxo-agent init printed no command lines:" + Tail(lines));
+  for (const char* suffix : {".crt", ".key"})
+    fs::copy_file(PathOf(std::string("broker") + suffix),
+                  PathOf(std::string("trusted-broker") + suffix),
+                  fs::copy_options::overwrite_existing);
+}
+
 TestEnvironment::~TestEnvironment() {
   std::optional<ExitStatus> agent = agent_.Stop();
   if (!agentStopped_ && agent && !agent->Clean())
@@ -188,33 +214,21 @@ TestEnvironment::~TestEnvironment() {
   broker_.Stop();
 }
 
-void TestEnvironment::WriteBrokerConfig(BrokerIdentity identity) {
-  std::string cert = identity == BrokerIdentity::kTrusted ? "broker" : "foreign-broker";
+// The broker's configuration stays as init wrote it; only its certificate
+// changes.
+void TestEnvironment::UseBrokerIdentity(BrokerIdentity identity) {
+  std::string cert = identity == BrokerIdentity::kTrusted ? "trusted-broker" : "foreign-broker";
   if (identity == BrokerIdentity::kForeign && !fs::exists(PathOf(cert + ".crt")))
     Authority("daxo foreign CA").Issue(PathOf(cert), {"localhost", -1h}, true);
-  std::string config =
-      "per_listener_settings true\npersistence false\nset_tcp_nodelay true\n"
-      "log_dest file " +
-      PathOf("mosquitto.log") + "\nlog_type all\n";
-  // As root the broker would switch to its own user, which cannot read this folder.
-  if (geteuid() == 0) config += "user root\n";
-  for (bool main : {false, true})
-    config += "\nlistener " + std::to_string(main ? mainPort_ : provisionPort_) + " " + host_ +
-              "\ncafile " + CaFile() + "\ncertfile " + PathOf(cert + ".crt") + "\nkeyfile " +
-              PathOf(cert + ".key") +
-              (main ? "\nallow_anonymous false\nrequire_certificate true\n"
-                      "use_identity_as_username true\nacl_file " +
-                          PathOf("main.acl")
-                    : "\nallow_anonymous true\nrequire_certificate false\nacl_file " +
-                          PathOf("provisioning.acl")) +
-              "\n";
-  WriteFile(PathOf("mosquitto.conf"), config);
+  for (const char* suffix : {".crt", ".key"})
+    fs::copy_file(PathOf(cert + suffix), PathOf(std::string("broker") + suffix),
+                  fs::copy_options::overwrite_existing);
   identity_ = identity;
 }
 
 void TestEnvironment::StartBroker() {
   long readyBefore = ReadyCount(agent_.Lines());
-  broker_.Start({kMosquitto, "-c", PathOf("mosquitto.conf")}, PathOf("broker.out"));
+  broker_.Start(brokerCommand_, PathOf("broker.out"));
   auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
   while (!(Accepts(provisionPort_) && Accepts(mainPort_))) {
     if (!broker_.Running() || std::chrono::steady_clock::now() >= deadline)
@@ -227,7 +241,7 @@ void TestEnvironment::StartBroker() {
 
 void TestEnvironment::RestartBroker(BrokerIdentity identity) {
   StopBroker();
-  WriteBrokerConfig(identity);
+  UseBrokerIdentity(identity);
   StartBroker();
 }
 
@@ -237,9 +251,7 @@ std::optional<ExitStatus> TestEnvironment::StopAgent() {
 }
 
 void TestEnvironment::StartAgent() {
-  std::vector<std::string> argv = {DAXO_AGENT_PATH, "--host", host_, "--cafile", CaFile()};
-  argv.insert(argv.end(), {"--port", std::to_string(mainPort_), "--state", PathOf("agent-state")});
-  argv.insert(argv.end(), {"--cert", PathOf("agent.crt"), "--key", PathOf("agent.key")});
+  std::vector<std::string> argv = agentCommand_;
   argv.insert(argv.end(), {"--push-log", PathOf("pushes.log")});
   argv.insert(argv.end(), agentArguments_.begin(), agentArguments_.end());
   agent_.Start(argv, PathOf("agent.log"));

@@ -1,6 +1,6 @@
-// A throwaway CA, a mosquitto broker with the agent's two TLS listeners on free
-// loopback ports, and a daxo-agent issuing from the same CA, in a temporary
-// folder; torn down by PID.
+// The files of `daxo-agent init` in a temporary folder, with the broker's two
+// TLS listeners on free loopback ports, started by the command lines init
+// prints; torn down by PID.
 #ifndef DAXO_TEST_ENVIRONMENT_H
 #define DAXO_TEST_ENVIRONMENT_H
 
@@ -86,12 +86,14 @@ class TestEnvironment {
   };
 
   std::string PathOf(const std::string& name) const { return (folder_ / name).string(); }
-  void WriteBrokerConfig(BrokerIdentity identity);
+  void WriteFiles();
+  void UseBrokerIdentity(BrokerIdentity identity);
   void WaitForAgentReady(long readyBefore);
 
   TempFolder temp_;  // first member: removed after the processes have stopped
   std::filesystem::path folder_ = temp_.path;
   std::vector<std::string> agentArguments_;
+  std::vector<std::string> brokerCommand_, agentCommand_;  // as init printed them
   std::string host_ = "127.0.0.1";
   int mainPort_ = 0;
   int provisionPort_ = 0;

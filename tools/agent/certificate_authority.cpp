@@ -104,16 +104,6 @@ BioPtr OpenForReading(const fs::path& path) {
   return bio;
 }
 
-std::string KeyPem(EVP_PKEY* key) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  Check(bio != nullptr &&
-            PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1,
-        "key encoding");
-  char* data = nullptr;
-  long size = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<std::size_t>(size));
-}
-
 void CreateAuthorityFiles(const fs::path& certPath, const fs::path& keyPath) {
   EvpPkeyPtr key(EVP_EC_gen("P-256"));
   Check(key != nullptr, "CA key");
@@ -129,11 +119,21 @@ void CreateAuthorityFiles(const fs::path& certPath, const fs::path& keyPath) {
   Check(X509_sign(cert.get(), key.get(), EVP_sha256()) > 0, "CA signature");
   // The key goes first: a folder holding a key without its certificate is
   // refused at the next start instead of being silently replaced.
-  WriteNewFile(keyPath, KeyPem(key.get()), 0600);
+  WriteNewFile(keyPath, PrivateKeyPem(key.get()), 0600);
   WriteNewFile(certPath, ToPem(cert.get()), 0644);
 }
 
 }  // namespace
+
+std::string PrivateKeyPem(EVP_PKEY* key) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  Check(bio != nullptr &&
+            PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1,
+        "key encoding");
+  char* data = nullptr;
+  long size = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<std::size_t>(size));
+}
 
 std::time_t ExpiryOf(const X509* cert) {
   std::tm tm{};
@@ -175,7 +175,10 @@ IssuedCertificate CertificateAuthority::Issue(const CertificateOrder& order) con
   AddExtension(cert.get(), cert_.get(), NID_basic_constraints, "critical,CA:FALSE");
   AddExtension(cert.get(), cert_.get(), NID_key_usage,
                rsa ? "critical,digitalSignature,keyEncipherment" : "critical,digitalSignature");
-  AddExtension(cert.get(), cert_.get(), NID_ext_key_usage, "clientAuth");
+  AddExtension(cert.get(), cert_.get(), NID_ext_key_usage,
+               order.server ? "serverAuth" : "clientAuth");
+  if (!order.subjectAltName.empty())
+    AddExtension(cert.get(), cert_.get(), NID_subject_alt_name, order.subjectAltName.c_str());
   AddExtension(cert.get(), cert_.get(), NID_subject_key_identifier, "hash");
   AddExtension(cert.get(), cert_.get(), NID_authority_key_identifier, "keyid");
   Check(X509_sign(cert.get(), key_.get(), EVP_sha256()) > 0, "signature");

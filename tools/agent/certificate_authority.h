@@ -17,9 +17,11 @@ namespace daxo_agent {
 
 struct CertificateOrder {
   EVP_PKEY* publicKey = nullptr;  // borrowed from the signing request
-  std::string commonName;
-  std::string organisation;  // empty: no O entry
+  std::string commonName{};
+  std::string organisation{};  // empty: no O entry
   std::chrono::seconds validity{0};
+  bool server = false;           // serverAuth instead of clientAuth
+  std::string subjectAltName{};  // e.g. "DNS:localhost,IP:127.0.0.1"; empty: none
 };
 
 struct IssuedCertificate {
@@ -30,6 +32,9 @@ struct IssuedCertificate {
 
 // The certificate's notAfter. Throws std::runtime_error when it cannot be read.
 std::time_t ExpiryOf(const X509* cert);
+
+// The key as unencrypted PEM. Throws std::runtime_error.
+std::string PrivateKeyPem(EVP_PKEY* key);
 
 // Validity in days of the client certificates issued on provisioning and on
 // renewal; the control thread may change them while the MQTT thread issues.
@@ -45,8 +50,8 @@ class CertificateAuthority {
   // folder, mode 0700) when neither exists. Throws std::runtime_error.
   static CertificateAuthority Open(const std::string& stateDir);
 
-  // Signs a client certificate (clientAuth) with SHA-256. Throws
-  // std::runtime_error when OpenSSL refuses a step.
+  // Signs a client (or, for order.server, a server) certificate with
+  // SHA-256. Throws std::runtime_error when OpenSSL refuses a step.
   IssuedCertificate Issue(const CertificateOrder& order) const;
 
   // Replaces the authority's certificate by one with the same key, subject
@@ -64,6 +69,8 @@ class CertificateAuthority {
   std::string Pem() const;
   std::time_t NotAfter() const;
   std::string Subject() const;
+  // Where the current certificate is kept.
+  std::string CertificatePath() const { return stateDir_ + "/ca.crt"; }
 
  private:
   CertificateAuthority(std::string stateDir, X509Ptr cert, EvpPkeyPtr key)

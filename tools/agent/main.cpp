@@ -11,16 +11,19 @@
 #include <optional>
 
 #include "agent.h"
+#include "broker_trust.h"
 #include "certificate_authority.h"
 #include "certificates.h"
 #include "connection_check.h"
 #include "control.h"
 #include "control_socket.h"
+#include "dev_environment.h"
 #include "error_reports.h"
 #include "log.h"
 #include "metrics.h"
 #include "options.h"
 #include "provisioning.h"
+#include "registry_text.h"
 #include "sensors.h"
 #include "store.h"
 
@@ -44,10 +47,33 @@ void InstallSignalHandlers() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
+// Refuses, by throwing, to issue certificates that the broker would refuse.
+void CheckBrokerTrust(const daxo_agent::Options& options,
+                      const daxo_agent::CertificateAuthority& ca) {
+  using namespace daxo_agent;
+  std::string issuing =
+      "issuing client certificates from \"" + ca.Subject() + "\" (" + ca.CertificatePath() + ")";
+  if (!options.clientCaFile.empty()) RequireTrust(ca, options.clientCaFile, "--client-cafile");
+  if (options.brokerConfig.empty()) {
+    Log(issuing + (options.clientCaFile.empty()
+                       ? "; the broker must verify client certificates with it "
+                         "(--broker-config FILE checks that)"
+                       : ", which " + options.clientCaFile + " holds"));
+    return;
+  }
+  std::string caFile = ClientCaFileOf(options.brokerConfig, options.broker.port);
+  if (caFile.empty()) {
+    Log(issuing + "; " + options.brokerConfig + " trusts a capath, which the agent cannot check");
+    return;
+  }
+  RequireTrust(ca, caFile, options.brokerConfig);
+  Log(issuing + ", which the broker trusts (" + caFile + ")");
+}
+
 int Serve(const daxo_agent::Options& options) {
   using namespace daxo_agent;
   CertificateAuthority ca = CertificateAuthority::Open(options.stateDir);
-  Log("certificate authority " + ca.Subject());
+  CheckBrokerTrust(options, ca);
   Store store;
   CertificateTerms terms{{options.certDays}, {options.renewalDays}};
   Provisioning provisioning(ca, store, terms);
@@ -76,28 +102,35 @@ int Serve(const daxo_agent::Options& options) {
 }
 
 // The client side of the control socket: one command, its answer on stdout.
+// "values" is "dump" read for people.
 int SendCommand(const daxo_agent::Options& options) {
   std::string line;
   for (const std::string& word : options.command) line += (line.empty() ? "" : " ") + word;
   // A definition pasted from a file spans lines; in JSON they are blanks.
   std::replace_if(
       line.begin(), line.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  bool values = line == "values";
   std::string answer;
   try {
-    answer = daxo_agent::SendControlCommand(options.ControlPath(), line, std::chrono::seconds(30));
+    answer = daxo_agent::SendControlCommand(options.ControlPath(), values ? "dump" : line,
+                                            std::chrono::seconds(30));
   } catch (const std::exception& e) {
     std::fprintf(stderr, "daxo-agent: %s\n", e.what());
     return 1;
   }
   daxo_agent::JsonPtr parsed(json_tokener_parse(answer.c_str()));
-  // People read the answer on a terminal; scripts read one line from a pipe.
-  bool pretty = parsed && isatty(STDOUT_FILENO);
-  std::puts(pretty ? json_object_to_json_string_ext(parsed.get(), JSON_C_TO_STRING_PRETTY |
-                                                                      JSON_C_TO_STRING_NOSLASHESCAPE)
-                   : answer.c_str());
   json_object* ok = nullptr;
   bool done = json_object_object_get_ex(parsed.get(), "ok", &ok) &&
               json_object_is_type(ok, json_type_boolean) && json_object_get_boolean(ok);
+  if (values && done) {
+    std::fputs(daxo_agent::RegistryText(parsed.get()).c_str(), stdout);
+    return 0;
+  }
+  // People read the answer on a terminal; scripts read one line from a pipe.
+  bool pretty = parsed && isatty(STDOUT_FILENO);
+  std::puts(pretty ? json_object_to_json_string_ext(
+                         parsed.get(), JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE)
+                   : answer.c_str());
   return done ? 0 : 1;
 }
 
@@ -115,6 +148,14 @@ int main(int argc, char** argv) {
       return 2;
     case daxo_agent::ParseResult::kControl:
       return SendCommand(options);
+    case daxo_agent::ParseResult::kInit:
+      try {
+        daxo_agent::WriteDevEnvironment(options.init);
+        return 0;
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "daxo-agent: init: %s\n", e.what());
+        return 1;
+      }
     case daxo_agent::ParseResult::kRun:
       break;
   }

@@ -67,17 +67,63 @@ constexpr OptionSetter kOptions[] = {
        o.pushLog = v;
        return !v.empty();
      }},
+    {"--broker-config",
+     [](Options& o, const std::string& v) {
+       o.brokerConfig = v;
+       return !v.empty();
+     }},
+    {"--client-cafile",
+     [](Options& o, const std::string& v) {
+       o.clientCaFile = v;
+       return !v.empty();
+     }},
 };
 
-const OptionSetter* FindOption(std::string_view name) {
-  for (const OptionSetter& option : kOptions)
+constexpr OptionSetter kInitOptions[] = {
+    {"--port",
+     [](Options& o, const std::string& v) { return ParseNumber(v, 1, 65535, o.init.mainPort); }},
+    {"--provision-port",
+     [](Options& o, const std::string& v) {
+       return ParseNumber(v, 1, 65535, o.init.provisionPort);
+     }},
+};
+
+template <std::size_t N>
+const OptionSetter* FindOption(const OptionSetter (&table)[N], std::string_view name) {
+  for (const OptionSetter& option : table)
     if (option.name == name) return &option;
   return nullptr;
+}
+
+ParseResult ParseInit(int argc, char** argv, Options& options, std::string& error) {
+  if (argc < 3 || std::string_view(argv[2]).starts_with("-")) {
+    error = "init needs the folder to write";
+    return ParseResult::kError;
+  }
+  options.init.dir = argv[2];
+  for (int i = 3; i < argc; ++i) {
+    std::string_view name = argv[i];
+    const OptionSetter* option = FindOption(kInitOptions, name);
+    if (option == nullptr || i + 1 == argc || !option->set(options, argv[++i])) {
+      error = "init: unknown option, or missing or invalid value for " + std::string(name);
+      return ParseResult::kError;
+    }
+  }
+  if (options.init.mainPort == options.init.provisionPort) {
+    error = "init: --port and --provision-port must differ";
+    return ParseResult::kError;
+  }
+  return ParseResult::kInit;
 }
 
 }  // namespace
 
 ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& error) {
+  if (argc > 1 && std::string_view(argv[1]) == "init") {
+    for (int i = 2; i < argc; ++i)
+      if (std::string_view(argv[i]) == "--help") return ParseResult::kHelp;
+    return ParseInit(argc, argv, options, error);
+  }
   for (int i = 1; i < argc; ++i) {
     std::string_view name = argv[i];
     if (name == "--help" || name == "-h") return ParseResult::kHelp;
@@ -85,7 +131,7 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
       options.command.assign(argv + i, argv + argc);
       return ParseResult::kControl;
     }
-    const OptionSetter* option = FindOption(name);
+    const OptionSetter* option = FindOption(kOptions, name);
     if (option == nullptr) {
       error = "unknown option " + std::string(name);
       return ParseResult::kError;
@@ -104,7 +150,8 @@ ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& e
 }
 
 const char* Usage() {
-  return R"(Usage: daxo-agent --cafile FILE --cert FILE --key FILE [options]
+  return R"(Usage: daxo-agent init DIR [--port PORT] [--provision-port PORT]
+       daxo-agent --cafile FILE --cert FILE --key FILE [options]
        daxo-agent [--control PATH | --state DIR] COMMAND...
 
 A development stand-in for the device's IoT agent. It issues client
@@ -129,10 +176,27 @@ that clients publish on the agent's MQTT broker.
                       (default DIR/control.sock in the --state folder)
   --push-log FILE     appends every push the agent stores to FILE, one line
                       each: CLIENT_ID SENSOR_ID BODY
+  --broker-config FILE
+                      the broker's mosquitto configuration: the agent refuses
+                      to start when the cafile of its listener on --port does
+                      not hold the agent's authority (DIR/ca.crt in --state)
+  --client-cafile FILE
+                      the same check against the file with which the broker
+                      verifies client certificates
   --help              this text
 
-The agent logs one line per event on stdout and prints "daxo-agent: ready"
-once it serves. SIGINT and SIGTERM stop it; SIGUSR1 prints its registry of
+daxo-agent init DIR writes a development environment into DIR: the agent's
+authority (in DIR/agent-state; an existing one is kept, so that clients
+provisioned before stay valid), the broker's and the agent's certificates
+issued from it, a mosquitto configuration with both listeners on 127.0.0.1
+(main: --port, default 8883; provisioning: --provision-port, default 8884)
+and their access rules, and DIR/client.conf for applications. It then prints
+the two commands that start the broker and the agent. Running it again
+rewrites everything but the authority.
+
+The agent logs one line per event on stdout. Its first names the authority
+it issues from and, with --broker-config or --client-cafile, that the broker
+trusts it; it prints "daxo-agent: ready" once it serves. SIGINT and SIGTERM stop it; SIGUSR1 prints its registry of
 clients as JSON.
 
 Given a COMMAND, daxo-agent sends it to the agent that runs with the same
@@ -156,6 +220,9 @@ spaces, and line breaks become spaces too. Commands:
       clients that trust either verify what the agent issued with both.
   cert-days N
       like --cert-days, for the certificates issued from now on.
+  values
+      the last value of every client's metrics, rounded, with its local
+      date and time: the registry of dump, for people.
   dump
       the registry: clients, their sensors, metrics and last values, and
       the latest 100 error reports of each client; and the authority's

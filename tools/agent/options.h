@@ -8,6 +8,7 @@
 
 #include "agent.h"
 #include "certificate_authority.h"
+#include "dev_environment.h"
 
 namespace daxo_agent {
 
@@ -18,6 +19,10 @@ struct Options {
   int renewalDays = 365;    // renewal of a connected client's certificate
   std::string controlPath;  // empty: control.sock in stateDir
   std::string pushLog;      // empty: none
+  // Where to read which authority the broker trusts for clients; empty: unknown.
+  std::string brokerConfig;
+  std::string clientCaFile;
+  DevEnvironment init;  // for kInit
   // The words of a control command to send to a running agent.
   std::vector<std::string> command;
 
@@ -26,8 +31,9 @@ struct Options {
   }
 };
 
-// kControl: options.command holds a command for a running agent.
-enum class ParseResult { kRun, kControl, kHelp, kError };
+// kControl: options.command holds a command for a running agent; kInit:
+// options.init says what to write.
+enum class ParseResult { kRun, kControl, kInit, kHelp, kError };
 
 // On kError, error says what is wrong.
 ParseResult ParseOptions(int argc, char** argv, Options& options, std::string& error);

@@ -1,0 +1,107 @@
+// `daxo-agent init` as a developer uses it. Every integration test already
+// starts its broker and agent from the lines init prints; here, init's
+// client configuration serves an application, and the agent refuses to
+// issue certificates that the broker would not trust.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "environment.h"
+
+namespace daxo_test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+std::string Read(const fs::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> PrintedAgentCommand(const TestEnvironment& env) {
+  std::istringstream printed(Read(env.Folder() / "init.out"));
+  std::vector<std::string> argv;
+  for (std::string line; argv.empty() && std::getline(printed, line);) {
+    std::istringstream words(line);
+    for (std::string word; line.find("--broker-config") != line.npos && words >> word;)
+      argv.push_back(word);
+  }
+  return argv;
+}
+
+TEST(DevEnvironmentTest, ItsClientConfigurationServesAnApplication) {
+  TestEnvironment env;
+  std::string log = (env.Folder() / "minimal_push.log").string();
+  ExitStatus run =
+      RunCommand({DAXO_MINIMAL_PUSH_PATH, (env.Folder() / "client.conf").string()}, log, 60s);
+  EXPECT_TRUE(run.Clean()) << run.Describe() << "\n" << Read(log);
+
+  std::string values = (env.Folder() / "values.log").string();
+  ASSERT_TRUE(
+      RunCommand({DAXO_AGENT_PATH, "--state", (env.Folder() / "agent-state").string(), "values"},
+                 values)
+          .Clean());
+  EXPECT_TRUE(
+      std::regex_search(Read(values), std::regex(" 21\\.5 .* \\d{4}-\\d\\d-\\d\\d \\d\\d:")))
+      << Read(values);
+}
+
+TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
+  TestEnvironment env;
+  env.StopAgent();  // one agent at a time holds the broker user
+  std::string other = (env.Folder() / "other").string();
+  ASSERT_TRUE(RunCommand({DAXO_AGENT_PATH, "init", other}, other + ".log").Clean());
+  const std::vector<std::string> printed = PrintedAgentCommand(env);
+  ASSERT_FALSE(printed.empty()) << Read(env.Folder() / "init.out");
+  // Hand-written broker configurations: a cafile belongs to the listener it follows.
+  auto config = [&](const std::string& name, const std::string& text) {
+    std::ofstream(env.Folder() / name) << text;
+    return (env.Folder() / name).string();
+  };
+  std::string port = std::to_string(env.MainPort()), ca = "cafile " + env.CaFile() + "\n";
+  std::string defaultListener = config("default.conf", "port " + port + "\n" + ca);
+  std::string otherListener = config("other.conf", ca + "listener " + port + "\n");
+  struct Case {
+    const char* name;
+    std::vector<std::string> arguments;
+    const char* line;
+    bool starts;
+  } cases[] = {
+      {"as printed", {}, "which the broker trusts", true},
+      {"the clients' cafile given too",
+       {"--client-cafile", env.CaFile()},
+       "daxo-agent: ready",
+       true},
+      {"another authority",
+       {"--state", other + "/agent-state"},
+       "does not hold this agent's",
+       false},
+      {"another cafile given", {"--client-cafile", other + "/ca.crt"}, "does not hold", false},
+      {"a port the broker does not listen on", {"--port", "1"}, "has no listener on port 1", false},
+      {"the default listener", {"--broker-config", defaultListener}, "broker trusts", true},
+      {"another listener's cafile", {"--broker-config", otherListener}, "names no cafile", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> argv = printed;
+    argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+    ChildProcess agent;
+    agent.Start(argv, (env.Folder() / "agent-check.log").string());
+    auto has = [&](const std::vector<std::string>& lines) {
+      for (const std::string& line : lines)
+        if (line.find(c.line) != line.npos) return true;
+      return false;
+    };
+    EXPECT_TRUE(agent.WaitForOutput(has, 20s));
+    std::optional<ExitStatus> status = c.starts ? agent.Stop() : agent.WaitForExit(10s);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->Describe(), c.starts ? "exit code 0" : "exit code 1");
+  }
+}
+
+}  // namespace
+}  // namespace daxo_test
