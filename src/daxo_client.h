@@ -773,7 +773,8 @@ DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* se
  *     the store is full under the "refuse" policy or the push alone exceeds
  *     PushStoreMaxBytes; DAXO_Error_PushStoreUnusable when the file cannot
  *     be written; DAXO_Error_NoConnectionToServer before DAXO_Connect,
- *     which opens the store.
+ *     which opens the store; DAXO_Error_InvalidArguments, with nothing
+ *     kept, for a sensor id holding "/", "+" or "#".
  *   - Kept pushes are sent only while connected, and only after the agent
  *     has answered a connection check on that connection; oldest first, at
  *     most 64 awaiting their answer at a time, new pushes behind the

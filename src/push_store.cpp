@@ -77,14 +77,14 @@ void Unlink(PushStoreTag* store, KeptPush* prev, KeptPush* push) noexcept {
   }
 }
 
-// Nothing is on the connection any more: everything is to be sent again.
-// Dropped pushes stay until their answer can no longer come (forgetDropped).
-void Rewind(PushStoreTag* store, bool forgetDropped) noexcept {
+// The agent has answered a check: what it has not answered never reached
+// it and is to be sent again, and no answer can come for a dropped push.
+void Rewind(PushStoreTag* store) noexcept {
   KeptPush* prev = nullptr;
   for (KeptPush* push = store->head; push != nullptr;) {
     KeptPush* next = push->next;
     push->sentMs = 0;
-    if (forgetDropped && push->dropped) {
+    if (push->dropped) {
       Unlink(store, prev, push);
       free(push);
     } else {
@@ -247,7 +247,14 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
                 store->count, store->count == 1 ? "" : "es");
   }
   pthread_mutex_init(&store->mutex, nullptr);
-  __atomic_store_n(&client->pushStore, store, __ATOMIC_RELEASE);
+  PushStoreTag* none = nullptr;
+  if (!__atomic_compare_exchange_n(&client->pushStore, &none, store, false, __ATOMIC_ACQ_REL,
+                                   __ATOMIC_ACQUIRE)) {
+    // Another DAXO_Connect opened it meanwhile.
+    FreeKept(store);
+    pthread_mutex_destroy(&store->mutex);
+    delete store;
+  }
   return DAXO_Error_Success;
 }
 
@@ -257,6 +264,11 @@ DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topi
                      const char* payload) noexcept {
   PushStoreTag* store = StoreOf(client);
   if (store == nullptr) return DAXO_Error_NoConnectionToServer;  // before DAXO_Connect
+  // A topic the transport refuses would stay at the head of the store for
+  // ever, and a sensor id with levels of its own would never be matched by
+  // its answer.
+  if (strchr(sensorId, '/') != nullptr || mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS)
+    return DAXO_Error_InvalidArguments;
   KeptPush* push = NewKeptPush(sensorId, strlen(sensorId), topic, strlen(topic), payload,
                                static_cast<int>(strlen(payload)));
   if (push == nullptr) return DAXO_Error_NoMemory;
@@ -312,7 +324,7 @@ bool StoreCheckAnswered(DAXO_Client* client) noexcept {
     // The agent handles messages in order: what it had not answered before
     // this check never reached it.
     store->ready = true;
-    Rewind(store, true);
+    Rewind(store);
     Pump(client, store);
   }
   return true;
@@ -324,8 +336,9 @@ void StoreOnline(DAXO_Client* client) noexcept {
   MutexLock lock(&store->mutex);
   store->online = true;
   store->ready = false;
+  // What was sent on the last connection stays marked sent: its answers
+  // may still come, until the check is answered.
   store->checksOut = 0;
-  Rewind(store, false);
   SendCheck(client, store);
 }
 
