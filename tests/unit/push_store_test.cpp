@@ -281,4 +281,31 @@ TEST_F(PushStoreTest, EveryFailedAllocationKeepsThePushWholeOrNotAtAll) {
   }
 }
 
+// Out of memory while DAXO_Connect opens a file holding pushes: the store
+// opens whole or not at all, and a later DAXO_Connect opens it.
+TEST_F(PushStoreTest, AStoreThatCannotBeReadForLackOfMemoryIsNotOpened) {
+  std::string store = "PushStore " + (dir / "pushes.db") + "\n";
+  Remake(store);
+  Connected();
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(Push("s", i), DAXO_Error_Success);
+  alloc_failure::ForEachAllocationFailure(
+      [&] {
+        Remake(store);
+        Provisioned();
+      },
+      [&] { return DAXO_Connect(client); },
+      [&](DAXO_Error err, long n, bool fired) {
+        if (err == DAXO_Error_Success) {
+          EXPECT_EQ(Waiting(), 3u) << n;
+        } else {
+          EXPECT_TRUE(fired && (err == DAXO_Error_NoMemory || err == DAXO_Error_PushStoreUnusable))
+              << n << " " << DAXO_ErrorName(err);
+          size_t kept = Waiting();  // the connection may fail once the store is open
+          EXPECT_TRUE(kept == 0 || kept == 3) << n << " " << kept;
+          EXPECT_EQ(DAXO_Connect(client), DAXO_Error_Success) << n;
+          EXPECT_EQ(Waiting(), 3u) << n;
+        }
+      });
+}
+
 }  // namespace
