@@ -779,8 +779,9 @@ DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* se
  *     has answered a connection check on that connection; oldest first, at
  *     most 64 awaiting their answer at a time, new pushes behind the
  *     backlog. Pushes unanswered when a connection is lost, or for 10 s
- *     while connected (the library then checks the connection and resends
- *     them once that check is answered), are sent again.
+ *     while connected (the library then checks the connection, every 2 s
+ *     until answered, and resends them once that check is answered), are
+ *     sent again.
  *   - Guarantee: every kept push reaches the agent at least once, in the
  *     order of the pushes of its sensor, or is reported through
  *     OnPushDropped. A push arrives twice only when the agent stored it but

@@ -605,7 +605,6 @@ DAXO_Error ExplainConfig(const char* confFile, char* buffer, size_t size) noexce
 // by DAXO_Connect: Success when off or already open, else the code of a
 // store that cannot be used (logged).
 DAXO_Error OpenPushStore(DAXO_Client* client) noexcept;
-bool PushStoreOpen(const DAXO_Client* client) noexcept;
 // Keeps a push and sends it when the agent can hear it.
 DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topic,
                      const char* payload) noexcept;

@@ -31,6 +31,11 @@ constexpr int kWindow = 64;
 // may have gone, and what it did not answer is sent again once it answers
 // a check.
 constexpr long long kQuietMs = 10000;
+// A check unanswered for this long is taken as lost (sent before the agent
+// had subscribed again, or while it was away) and sent again. Only the
+// last one is counted as the library's: an answer to a lost one cannot
+// come, and counting them would withhold the application's own answers.
+constexpr long long kCheckRetryMs = 2000;
 
 constexpr char kCheckPayload[] = "{\"request\":\"CheckProvisioning\"}";
 
@@ -258,8 +263,6 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
   return DAXO_Error_Success;
 }
 
-bool PushStoreOpen(const DAXO_Client* client) noexcept { return StoreOf(client) != nullptr; }
-
 DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topic,
                      const char* payload) noexcept {
   PushStoreTag* store = StoreOf(client);
@@ -367,7 +370,8 @@ void SuperviseStore(DAXO_Client* client) noexcept {
       store->ready = false;
       quiet = true;
       SendCheck(client, store);
-    } else if (store->checksOut == 0 || now - store->checkSentMs >= kQuietMs) {
+    } else if (store->checksOut == 0 || now - store->checkSentMs >= kCheckRetryMs) {
+      store->checksOut = 0;
       SendCheck(client, store);
     }
   }
