@@ -396,12 +396,16 @@ typedef enum DAXO_PushDropReasonTag {
   DAXO_PushDrop_ClientEnded = 2,
   /* The persistent store's file was corrupt: it was moved aside and a new
    * one started; count is 0, as what the file held is unknown. */
-  DAXO_PushDrop_StoreCorrupt = 3
+  DAXO_PushDrop_StoreCorrupt = 3,
+  /* The persistent store held pushes of another client identity (the
+   * client was provisioned anew since): they are dropped when it opens. */
+  DAXO_PushDrop_OtherIdentity = 4
 } DAXO_PushDropReason;
 
 /* Kept pushes of sensor sensorId (count of them, oldest first) were dropped
  * and will never be sent; none of them reaches OnPushMetricValues.
- * sensorId is null with DAXO_PushDrop_StoreCorrupt. Runs on the thread
+ * sensorId is null with DAXO_PushDrop_StoreCorrupt and
+ * DAXO_PushDrop_OtherIdentity. Runs on the thread
  * whose call caused the drop: the application's for DAXO_PushMetricValues,
  * DAXO_Connect and DAXO_DeleteClient, the network thread for a
  * deprovisioning's completion. */

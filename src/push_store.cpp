@@ -196,6 +196,30 @@ DAXO_Error Keep(PushStoreTag* store, KeptPush* push, DropReport* report) noexcep
   return DAXO_Error_Success;
 }
 
+// Rows a file kept for another identity (the client was provisioned anew):
+// that client's topics are not this one's to publish on, and its sensors
+// are not this one's. Returns how many were dropped.
+int DropForeign(const DAXO_Client* client, PushStoreTag* store) noexcept {
+  daxo::CStr prefix = daxo::Format("/%s/%s/", daxo::kApiVersion, client->clientId);
+  if (!prefix) return 0;  // kept: a wrong topic is refused later, not lost
+  size_t length = strlen(prefix.get());
+  int dropped = 0;
+  KeptPush* prev = nullptr;
+  for (KeptPush* p = store->head; p != nullptr;) {
+    KeptPush* next = p->next;
+    if (strncmp(p->topic, prefix.get(), length) == 0) {
+      prev = p;
+    } else {
+      daxo::DeleteRow(store, p);
+      Unlink(store, prev, p);
+      free(p);
+      dropped++;
+    }
+    p = next;
+  }
+  return dropped;
+}
+
 void FreeKept(PushStoreTag* store) noexcept {
   for (KeptPush* p = store->head; p != nullptr;) free(std::exchange(p, p->next));
   store->head = store->tail = store->unsent = nullptr;
@@ -241,6 +265,13 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
       FreeKept(store);
       delete store;
       return opened.err;
+    }
+    if (int foreign = DropForeign(client, store); foreign > 0) {
+      LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
+                client->pushStorePath, foreign, foreign == 1 ? "" : "es");
+      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
+        onDropped(client, client->callbackParameter, nullptr, foreign,
+                  DAXO_PushDrop_OtherIdentity);
     }
     if (opened.movedAside) {
       LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);

@@ -221,6 +221,14 @@ TEST_F(PushStoreTest, AMemoryStoreDropsAtDeletionAFileKeeps) {
   EXPECT_EQ(Waiting(), 2u);
   AnswerCheck(fake);
   EXPECT_EQ(Sent(fake), "check s=2 s=3 ");
+  DAXO_DeleteClient(client);
+  client = nullptr;
+  // A new identity does not send the old one's pushes.
+  Remake("PushStore " + db + "\n");
+  Provisioned("client-2");
+  ASSERT_EQ(DAXO_Connect(client), DAXO_Error_Success);
+  EXPECT_EQ(Waiting(), 0u);
+  EXPECT_EQ(Calls(), "dropped:nullx2:4 ");
 }
 
 // A store that cannot be used: DAXO_Connect says so and the log says why; a
