@@ -35,11 +35,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -380,8 +380,8 @@ int Throughput(TestEnvironment& env, long messages) {
     double rate = Median(rates[i]);
     std::string pubcomp =
         pubcomps[i].empty() ? "-" : std::to_string(static_cast<long>(Median(pubcomps[i])));
-    std::printf("%-24s %12.0f %14.0f %22s %9ld %12.2f\n", pushers[i]->Name(), rate,
-                rate * kValues, pubcomp.c_str(), pushers[i]->refused.Count(),
+    std::printf("%-24s %12.0f %14.0f %22s %9ld %12.2f\n", pushers[i]->Name(), rate, rate * kValues,
+                pubcomp.c_str(), pushers[i]->refused.Count(),
                 static_cast<double>(syncCounts[i]) / static_cast<double>(messages * kRounds));
   }
   double libraryRate = Median(rates[0]), rawRate = Median(rates[1]);
@@ -405,8 +405,10 @@ int Throughput(TestEnvironment& env, long messages) {
                 {5, "push throughput, store file FULL", "-", 0}};
   for (const auto& s : stores) {
     double rate = Median(rates[s.index]);
-    std::printf("%s / raw: %.3f (%s%s), %.2f fsyncs a push\n", s.measure, rate / rawRate,
-                s.target, s.goal == 0 ? "" : rate / rawRate >= s.goal ? ": met" : ": missed",
+    std::printf("%s / raw: %.3f (%s%s), %.2f fsyncs a push\n", s.measure, rate / rawRate, s.target,
+                s.goal == 0                ? ""
+                : rate / rawRate >= s.goal ? ": met"
+                                           : ": missed",
                 static_cast<double>(syncCounts[s.index]) / static_cast<double>(messages * kRounds));
     bench::PrintComparison(s.measure, bench::Figure("%.0f msg/s", rate),
                            bench::Figure("%.0f msg/s", rawRate), rate / rawRate, s.target);
@@ -450,8 +452,7 @@ int OutageMemory(TestEnvironment& env, long pushes) {
   std::printf("start %ld KiB, peak %ld KiB, end %ld KiB: %+ld KiB for %ld pushes of %d values\n\n",
               start, peak, end, peak - start, pushes, kValues);
   bench::PrintComparison("resident memory growth, 6000 pushes offline (store 8 MiB)",
-                         bench::Figure("%.0f KiB", double(peak - start)), "-", 0,
-                         "<= 8192 + c");
+                         bench::Figure("%.0f KiB", double(peak - start)), "-", 0, "<= 8192 + c");
   env.StartBroker();
   return 0;
 }

@@ -44,8 +44,8 @@ static void OnPushDropped(DAXO_Client* client, void* dropped, const char* sensor
 
 static int Push(DAXO_Client* client, const char* sensorId, const char* metricId, long long n) {
   DAXO_MetricValueContainer* values = DAXO_CreateMetricValueContainer();
-  DAXO_Error err = values != NULL ? DAXO_AddIntegerMetricValue(values, n, metricId)
-                                  : DAXO_Error_NoMemory;
+  DAXO_Error err =
+      values != NULL ? DAXO_AddIntegerMetricValue(values, n, metricId) : DAXO_Error_NoMemory;
   if (err == DAXO_Error_Success) err = DAXO_PushMetricValues(client, sensorId, values);
   DAXO_DestroyMetricValueContainer(values);
   if (err != DAXO_Error_Success) {

@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <climits>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -288,8 +288,8 @@ void Explain(const daxo::ConfigProblem& p, DAXO_Error err, const char* path, cha
                p.line, p.key, p.value, p.zeroAllowed ? "0 (off) or " : "", p.min, p.max);
       return;
     case P::kBadWord: {
-      int n = snprintf(out, size, "%s line %d: %s \"%s\" is not one of", path, p.line, p.key,
-                       p.value);
+      int n =
+          snprintf(out, size, "%s line %d: %s \"%s\" is not one of", path, p.line, p.key, p.value);
       for (size_t i = 0; i < p.wordCount && n >= 0 && static_cast<size_t>(n) < size; ++i)
         n += snprintf(out + n, size - n, " %.*s", static_cast<int>(p.words[i].size()),
                       p.words[i].data());

@@ -811,8 +811,7 @@ DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* se
  * store or before DAXO_Connect opens it. Any thread. Returns
  * DAXO_Error_InvalidArguments for a null client or count, else
  * DAXO_Error_Success. */
-DAXO_EXPORT DAXO_Error DAXO_GetWaitingPushCount(DAXO_Client* client,
-                                                size_t* count) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_GetWaitingPushCount(DAXO_Client* client, size_t* count) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Error reports: the application's own failures, its own code and text.

@@ -136,10 +136,10 @@ struct DAXO_ClientTag {
   long long provisionTimeoutMs;
 
   // Pushes kept until the agent answers them (push_store.cpp).
-  char* pushStorePath;    // "memory" or the database's path; null: pushes are not kept
-  int pushStoreMaxBytes;  // bound of what is kept
-  int pushStorePolicy;    // PushStorePolicy: what a push meets when the store is full
-  int pushStoreSync;      // PushStoreSync
+  char* pushStorePath;             // "memory" or the database's path; null: pushes are not kept
+  int pushStoreMaxBytes;           // bound of what is kept
+  int pushStorePolicy;             // PushStorePolicy: what a push meets when the store is full
+  int pushStoreSync;               // PushStoreSync
   struct PushStoreTag* pushStore;  // made by DAXO_Connect; freed with the client
   DAXO_OnPushDropped OnPushDropped;
 };
@@ -584,7 +584,15 @@ inline constexpr size_t kConfigLineMax = 4096;
 // What the configuration reader found wrong, to be put in words.
 struct ConfigProblem {
   enum What {
-    kNone, kOpen, kRead, kNotRegular, kTooLong, kBadNumber, kBadWord, kMissing, kNoMemory
+    kNone,
+    kOpen,
+    kRead,
+    kNotRegular,
+    kTooLong,
+    kBadNumber,
+    kBadWord,
+    kMissing,
+    kNoMemory
   };
   What what;
   int line;         // 1-based; 0 when the problem is not on one line

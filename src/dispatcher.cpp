@@ -149,7 +149,8 @@ void ProcessSensorId(const Message& m, const char* sensorId) noexcept {
 DAXO_Error ProcessPing(const Message& m) noexcept {
   DAXO_OnCheckConnection callback = m.client->OnCheckConnection;
   if (m.count != 6 || !m.LevelIs(TopicIndexClientIdPingInfoInbox, "inbox")) return DAXO_Error_Success;
-  if ((m.LevelIs(TopicIndexClientIdPingInfo, "info") || m.LevelIs(TopicIndexClientIdPingError, "error")) &&
+  if ((m.LevelIs(TopicIndexClientIdPingInfo, "info") ||
+       m.LevelIs(TopicIndexClientIdPingError, "error")) &&
       daxo::StoreCheckAnswered(m.client))
     return DAXO_Error_Success;
   if (m.LevelIs(TopicIndexClientIdPingInfo, "info")) {

@@ -188,8 +188,7 @@ long long ToDrop(const PushStoreTag* store, size_t bytes) noexcept {
 DAXO_Error Keep(PushStoreTag* store, KeptPush* push, DropReport* report) noexcept {
   long long n = ToDrop(store, push->bytes);
   if (n < 0 || (n > 0 && store->policy == PushStoreRefuse)) return DAXO_Error_PushStoreFull;
-  if (DAXO_Error err = DropOldest(store, static_cast<size_t>(n), report);
-      err != DAXO_Error_Success)
+  if (DAXO_Error err = DropOldest(store, static_cast<size_t>(n), report); err != DAXO_Error_Success)
     return err;
   if (DAXO_Error err = daxo::InsertRow(store, push); err != DAXO_Error_Success) return err;
   daxo::AppendKept(store, push);
@@ -270,8 +269,7 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
       LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
                 client->pushStorePath, foreign, foreign == 1 ? "" : "es");
       if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
-        onDropped(client, client->callbackParameter, nullptr, foreign,
-                  DAXO_PushDrop_OtherIdentity);
+        onDropped(client, client->callbackParameter, nullptr, foreign, DAXO_PushDrop_OtherIdentity);
     }
     if (opened.movedAside) {
       LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);

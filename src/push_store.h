@@ -26,7 +26,7 @@ struct KeptPush {
 };
 
 struct PushStoreTag {
-  pthread_mutex_t mutex;  // guards everything below
+  pthread_mutex_t mutex;     // guards everything below
   KeptPush* head = nullptr;  // oldest first
   KeptPush* tail = nullptr;
   KeptPush* unsent = nullptr;  // first one not handed to this connection; those after it neither

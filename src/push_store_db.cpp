@@ -2,12 +2,12 @@
 // written before DAXO_PushMetricValues returns and deleted with its answer.
 // synchronous=NORMAL loses nothing when the process dies and never
 // corrupts the file; FULL also survives a power cut, at an fsync a push.
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-
-#include <unistd.h>
 
 #include "push_store.h"
 #include "string_utils.h"
@@ -41,9 +41,9 @@ DbOpen Failed(sqlite3* db, int rc, const char* doing) noexcept {
 DbOpen Prepare(const DAXO_Client* client, PushStoreTag* store) noexcept {
   sqlite3* raw = nullptr;
   errno = 0;
-  int rc = sqlite3_open_v2(client->pushStorePath, &raw,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(client->pushStorePath, &raw,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   SqlitePtr db(raw);
   if (rc != SQLITE_OK) return Failed(raw, rc, "open");
   char sql[512];
@@ -60,11 +60,12 @@ DbOpen Prepare(const DAXO_Client* client, PushStoreTag* store) noexcept {
   if (rc != SQLITE_OK) return Failed(db.get(), rc, "check");
   if ((rc = sqlite3_step(check)) != SQLITE_ROW) return Failed(db.get(), rc, "check");
   const auto* verdict = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-  if (verdict == nullptr || strcmp(verdict, "ok") != 0) return Failed(db.get(), SQLITE_CORRUPT, "check");
+  if (verdict == nullptr || strcmp(verdict, "ok") != 0)
+    return Failed(db.get(), SQLITE_CORRUPT, "check");
   sqlite3_stmt* insert = nullptr;
   sqlite3_stmt* remove = nullptr;
-  rc = sqlite3_prepare_v2(db.get(), "INSERT INTO pushes(sensor, topic, payload) VALUES(?,?,?)",
-                          -1, &insert, nullptr);
+  rc = sqlite3_prepare_v2(db.get(), "INSERT INTO pushes(sensor, topic, payload) VALUES(?,?,?)", -1,
+                          &insert, nullptr);
   SqliteStmtPtr ownedInsert(insert);
   if (rc == SQLITE_OK)
     rc = sqlite3_prepare_v2(db.get(), "DELETE FROM pushes WHERE id = ?", -1, &remove, nullptr);
@@ -101,8 +102,8 @@ DbOpen OpenDatabase(const DAXO_Client* client, PushStoreTag* store) noexcept {
   // Corrupt: kept for whoever wants to look at it, and started afresh.
   DbOpen moved{DAXO_Error_PushStoreUnusable, false, {}};
   if (!MoveAside(client->pushStorePath, moved.why, sizeof moved.why)) {
-    snprintf(moved.why, sizeof moved.why, "corrupt (%.160s), and it cannot be moved aside: %s", r.why,
-             strerror(errno));
+    snprintf(moved.why, sizeof moved.why, "corrupt (%.160s), and it cannot be moved aside: %s",
+             r.why, strerror(errno));
     return moved;
   }
   DbOpen fresh = Prepare(client, store);
@@ -118,8 +119,8 @@ DbOpen OpenDatabase(const DAXO_Client* client, PushStoreTag* store) noexcept {
 DAXO_Error LoadRows(PushStoreTag* store) noexcept {
   sqlite3_stmt* raw = nullptr;
   int rc = sqlite3_prepare_v2(store->db.get(),
-                              "SELECT id, sensor, topic, payload FROM pushes ORDER BY id", -1,
-                              &raw, nullptr);
+                              "SELECT id, sensor, topic, payload FROM pushes ORDER BY id", -1, &raw,
+                              nullptr);
   SqliteStmtPtr rows(raw);
   if (rc != SQLITE_OK) return DAXO_Error_PushStoreUnusable;
   while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
@@ -147,7 +148,8 @@ DAXO_Error InsertRow(PushStoreTag* store, KeptPush* push) noexcept {
   int rc = sqlite3_step(insert);
   sqlite3_reset(insert);
   sqlite3_clear_bindings(insert);
-  if (rc != SQLITE_DONE) return rc == SQLITE_NOMEM ? DAXO_Error_NoMemory : DAXO_Error_PushStoreUnusable;
+  if (rc != SQLITE_DONE)
+    return rc == SQLITE_NOMEM ? DAXO_Error_NoMemory : DAXO_Error_PushStoreUnusable;
   push->row = sqlite3_last_insert_rowid(store->db.get());
   return DAXO_Error_Success;
 }

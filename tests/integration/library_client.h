@@ -1,6 +1,8 @@
 #ifndef DAXO_TEST_LIBRARY_CLIENT_H
 #define DAXO_TEST_LIBRARY_CLIENT_H
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -11,8 +13,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "daxo_client.h"
 #include "environment.h"
@@ -30,7 +30,8 @@ class LibraryClient {
   };
 
   // extraLines: settings the environment does not write, appended.
-  LibraryClient(TestEnvironment& env, ClientConfig config = {}, const std::string& extraLines = "") {
+  LibraryClient(TestEnvironment& env, ClientConfig config = {},
+                const std::string& extraLines = "") {
     if (config.certFolder.empty()) config.certFolder = env.NewCertFolder();
     certFolder_ = config.certFolder;
     configFile_ = env.WriteClientConfig(config);
@@ -145,10 +146,10 @@ class LibraryClient {
     DAXO_DeleteSensorJobCallbackSet(c, [](DAXO_Client*, const char* id, void* self) {
       Self(self).Record("deleteSensorJob", 0, Str(id));
     });
-    DAXO_PushDroppedCallbackSet(c, [](DAXO_Client*, void* self, const char* id, int count,
-                                      DAXO_PushDropReason why) {
-      Self(self).Record("pushDropped", why, Str(id) + " " + std::to_string(count));
-    });
+    DAXO_PushDroppedCallbackSet(
+        c, [](DAXO_Client*, void* self, const char* id, int count, DAXO_PushDropReason why) {
+          Self(self).Record("pushDropped", why, Str(id) + " " + std::to_string(count));
+        });
   }
 
   std::string certFolder_, configFile_;

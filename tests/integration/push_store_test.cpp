@@ -201,7 +201,8 @@ TEST_F(PushStoreTest, AKilledApplicationSendsWhatItsFileKeptAtItsNextStart) {
   ASSERT_TRUE(Drained(again, 30s));
   std::map<int64_t, int> delivered = Delivered(env, m);
   int lost = 0, twice = 0;
-  for (int seq = 0; seq < kept; ++seq) lost += !delivered.contains(seq), twice += delivered[seq] > 1;
+  for (int seq = 0; seq < kept; ++seq)
+    lost += !delivered.contains(seq), twice += delivered[seq] > 1;
   EXPECT_EQ(lost, 0);
   EXPECT_EQ(twice, 0) << "nothing had reached the agent before the kill";
   std::printf("killed after %d pushes kept; delivered %zu, lost %d, twice %d\n", kept,

@@ -24,8 +24,8 @@ class PushStoreTest : public FakeClientTest {
     DAXO_RECORD(DAXO_PushMetricValuesCallbackSet, "answer",
                 (DAXO_Client*, void* self, const char* id, DAXO_ApiError e), e, id);
     DAXO_RECORD(DAXO_PushDroppedCallbackSet, "dropped",
-                (DAXO_Client*, void* self, const char* id, int n, DAXO_PushDropReason why),
-                why, Str(id) + "x" + std::to_string(n));
+                (DAXO_Client*, void* self, const char* id, int n, DAXO_PushDropReason why), why,
+                Str(id) + "x" + std::to_string(n));
     DAXO_RECORD_CODE(DAXO_CheckConnectionCallbackSet, "check", DAXO_ApiError);
   }
   void SetUp() override {
@@ -60,7 +60,8 @@ class PushStoreTest : public FakeClientTest {
     return got;
   }
   void Answer(FakeMqtt& fake, const std::string& sensor, int error = 0) {
-    std::string topic = "/v1.0/client-1/sensor/" + sensor + (error ? "/error/inbox" : "/info/inbox");
+    std::string topic =
+        "/v1.0/client-1/sensor/" + sensor + (error ? "/error/inbox" : "/info/inbox");
     fake.Deliver(topic, error ? "{\"errorcode\":" + std::to_string(error) + "}" : "{}");
   }
   void AnswerCheck(FakeMqtt& fake) { fake.Deliver("/v1.0/client-1/ping/info/inbox", "{}"); }
@@ -76,7 +77,9 @@ class PushStoreTest : public FakeClientTest {
   }
   std::string Calls() {
     std::string got;
-    for (const Call& c : calls) got += c.name + ":" + c.text + ":" + (c.code == DAXO_ApiError_NoError ? "ok" : std::to_string(c.code)) + " ";
+    for (const Call& c : calls)
+      got += c.name + ":" + c.text + ":" +
+             (c.code == DAXO_ApiError_NoError ? "ok" : std::to_string(c.code)) + " ";
     calls.clear();
     return got;
   }
@@ -113,7 +116,8 @@ TEST_F(PushStoreTest, PushesGoOnceTheAgentAnswersAndEndWithTheirAnswer) {
   EXPECT_EQ(Calls(), "answer:s2:ok answer:s1:ok ");
   EXPECT_EQ(Waiting(), 0u);
   // Ids the answers could not name, or the transport would refuse, are not kept.
-  for (const char* id : {"a/b", "a+", "#"}) EXPECT_EQ(Push(id, 5), DAXO_Error_InvalidArguments) << id;
+  for (const char* id : {"a/b", "a+", "#"})
+    EXPECT_EQ(Push(id, 5), DAXO_Error_InvalidArguments) << id;
   EXPECT_EQ(Waiting(), 0u);
   // The application's own check still reaches it.
   ASSERT_EQ(DAXO_CheckConnection(client), DAXO_Error_Success);
@@ -164,8 +168,8 @@ TEST_F(PushStoreTest, AFullStoreFollowsItsPolicy) {
     DAXO_Error overflow;
     std::string calls, sent;
   } cases[] = {
-      {"drop-oldest", DAXO_Error_Success,
-       "dropped:ax1:1 dropped:ax1:1 dropped:bx1:1 ", "check a=0 a=1 b=2 a=3 b=4 a=5 "},
+      {"drop-oldest", DAXO_Error_Success, "dropped:ax1:1 dropped:ax1:1 dropped:bx1:1 ",
+       "check a=0 a=1 b=2 a=3 b=4 a=5 "},
       {"refuse", DAXO_Error_PushStoreFull, "answer:a:ok answer:a:ok answer:b:ok ",
        "check a=0 a=1 b=2 "},
   };

@@ -57,14 +57,13 @@ int Send(Session& session, const PushSettings& settings, const std::vector<Assig
   // With a push store, what earlier runs or batches left for the agent.
   size_t waiting = 0;
   DAXO_GetWaitingPushCount(session.Client(), &waiting);
-  session.Out().Result(session.Success()
-                           .Add("sensor", settings.sensor)
-                           .Add("values", static_cast<int64_t>(batch.size()))
-                           .Add("waiting", static_cast<int64_t>(waiting)),
-                       "pushed " + std::to_string(batch.size()) + " value(s) to " +
-                           settings.sensor +
-                           (waiting > 0 ? "; " + std::to_string(waiting) + " push(es) waiting"
-                                        : std::string()));
+  session.Out().Result(
+      session.Success()
+          .Add("sensor", settings.sensor)
+          .Add("values", static_cast<int64_t>(batch.size()))
+          .Add("waiting", static_cast<int64_t>(waiting)),
+      "pushed " + std::to_string(batch.size()) + " value(s) to " + settings.sensor +
+          (waiting > 0 ? "; " + std::to_string(waiting) + " push(es) waiting" : std::string()));
   return kOk;
 }
 
