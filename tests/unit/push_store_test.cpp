@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "client_fixture.h"
 #include "fake_time.h"
@@ -65,11 +63,6 @@ class PushStoreTest : public FakeClientTest {
     fake.Deliver(topic, error ? "{\"errorcode\":" + std::to_string(error) + "}" : "{}");
   }
   void AnswerCheck(FakeMqtt& fake) { fake.Deliver("/v1.0/client-1/ping/info/inbox", "{}"); }
-  FakeMqtt& Reconnect(FakeMqtt& fake) {
-    fake.FireConnect(0);
-    fake.FireSubscribe(fake.subscribes.back().mid);
-    return fake;
-  }
   size_t Waiting() {
     size_t n = 99;
     EXPECT_EQ(DAXO_GetWaitingPushCount(client, &n), DAXO_Error_Success);
@@ -106,7 +99,8 @@ TEST_F(PushStoreTest, PushesGoOnceTheAgentAnswersAndEndWithTheirAnswer) {
   fake.FireDisconnect(MOSQ_ERR_CONN_LOST);
   ASSERT_EQ(Push("s2", 4), DAXO_Error_Success);
   size_t before = fake.publishes.size();
-  Reconnect(fake);
+  fake.FireConnect(0);
+  fake.FireSubscribe(fake.subscribes.back().mid);
   EXPECT_EQ(Sent(fake, before), "check ");
   AnswerCheck(fake);
   EXPECT_EQ(Sent(fake, before), "check s1=3 s2=4 ");
