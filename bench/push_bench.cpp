@@ -12,7 +12,13 @@
 //     unanswered: the broker queues at most 1000 messages for the agent
 //     and drops QoS 2 messages beyond that. The library subscribes to its
 //     whole tree, so the broker returns every push to it; one bare client
-//     does the same, to show what that echo costs.
+//     does the same, to show what that echo costs. The library runs without
+//     its push store, and with it in memory and in a file at each of its
+//     two durability levels; fsync and fdatasync calls are counted.
+//
+// (c) Resident memory while the broker is down and pushes go on, with the
+//     push store in memory at its default bound: the curve against the
+//     number of pushes made, which is what an outage at any rate adds.
 //
 // (b) The thread CPU time of building one body, per value: the library's
 //     DAXO_PushMetricValues on a client whose transport publishes nothing,
@@ -20,16 +26,20 @@
 //     do-nothing publish. The bodies are compared byte for byte first.
 //
 // Usage: daxo_bench_push [messages]   (default 2000 per round)
+#include <dlfcn.h>
 #include <json-c/json.h>
 #include <mosquitto.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -43,6 +53,22 @@
 #include "environment.h"
 #include "raw_client.h"
 #include "summary.h"
+
+// Every fsync and fdatasync of the process, the store's included (this
+// program exports them, so they stand in for libc's).
+std::atomic<long> syncs{0};
+
+extern "C" int fsync(int fd) {
+  static auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+  ++syncs;
+  return real(fd);
+}
+
+extern "C" int fdatasync(int fd) {
+  static auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fdatasync"));
+  ++syncs;
+  return real(fd);
+}
 
 namespace {
 
@@ -205,8 +231,11 @@ class Pusher {
 
 class LibraryPusher : public Pusher {
  public:
-  explicit LibraryPusher(TestEnvironment& env) {
+  // storeLines: the push store's settings appended to the configuration.
+  LibraryPusher(TestEnvironment& env, const char* name, const std::string& storeLines = "")
+      : name_(name) {
     std::string config = env.WriteClientConfig({.certFolder = env.NewCertFolder()});
+    std::ofstream(config, std::ios::app) << storeLines;
     DAXO_Error err = DAXO_Error_Unknown;
     client_ = DAXO_NewClient(config.c_str(), this, &err);
     if (client_ == nullptr) throw std::runtime_error("DAXO_NewClient: " + std::to_string(err));
@@ -231,7 +260,8 @@ class LibraryPusher : public Pusher {
   }
   ~LibraryPusher() override { DAXO_DeleteClient(client_); }
 
-  const char* Name() const override { return "library"; }
+  const char* Name() const override { return name_; }
+  DAXO_Client* Client() const { return client_; }
   bool Publish(long n) override {
     DAXO_MetricValueContainer* container = DAXO_CreateMetricValueContainer();
     FillContainer(container, batch_, n, NowMillis());
@@ -241,6 +271,7 @@ class LibraryPusher : public Pusher {
   }
 
  private:
+  const char* name_;
   DAXO_Client* client_ = nullptr;
   Counter ready_;
   Batch batch_;
@@ -285,12 +316,14 @@ class RawPusher : public Pusher {
 struct Round {
   double seconds;         // until the last answer
   double pubcompSeconds;  // until the last QoS 2 flow completed; bare clients only
+  long syncs;             // fsync and fdatasync calls meanwhile
 };
 
 // Publishes messages [first, first + count), never more than kWindow of
 // them unanswered; nothing on failure.
 std::optional<Round> Run(Pusher& pusher, long first, long count) {
   long answeredBefore = pusher.answered.Count(), completedBefore = pusher.completed.Count();
+  long syncsBefore = syncs;
   auto start = Clock::now();
   for (long n = 0; n < count; ++n)
     if (!pusher.answered.WaitFor(answeredBefore + n - kWindow + 1) || !pusher.Publish(first + n))
@@ -300,7 +333,7 @@ std::optional<Round> Run(Pusher& pusher, long first, long count) {
   double pubcomp = 0;
   if (pusher.completed.Count() >= completedBefore + count)
     pubcomp = std::chrono::duration<double>(pusher.completed.Last() - start).count();
-  return Round{seconds, pubcomp};
+  return Round{seconds, pubcomp, syncs - syncsBefore};
 }
 
 double Median(std::vector<double> values) {
@@ -308,12 +341,20 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
+std::string StoreFile(const TestEnvironment& env, const char* name, const char* sync) {
+  return "PushStore " + (env.Folder() / name).string() + "\nPushStoreSync " + sync + "\n";
+}
+
 int Throughput(TestEnvironment& env, long messages) {
-  LibraryPusher library(env);
+  LibraryPusher library(env, "library");
   RawPusher replies(env, "bench-replies", Subscription::kReplies);
   RawPusher tree(env, "bench-tree", Subscription::kWholeTree);
-  std::vector<Pusher*> pushers = {&library, &replies, &tree};
+  LibraryPusher memory(env, "library, store memory", "PushStore memory\n");
+  LibraryPusher normal(env, "library, file NORMAL", StoreFile(env, "normal.db", "normal"));
+  LibraryPusher full(env, "library, file FULL", StoreFile(env, "full.db", "full"));
+  std::vector<Pusher*> pushers = {&library, &replies, &tree, &memory, &normal, &full};
   std::vector<std::vector<double>> rates(pushers.size()), pubcomps(pushers.size());
+  std::vector<long> syncCounts(pushers.size());
   for (Pusher* p : pushers)
     if (!Run(*p, 0, kWarmUpMessages))
       return std::fprintf(stderr, "%s: warm-up failed\n", p->Name()), 1;
@@ -324,6 +365,7 @@ int Throughput(TestEnvironment& env, long messages) {
       if (!r)
         return std::fprintf(stderr, "%s: no answer within the time limit\n", pushers[i]->Name()), 1;
       rates[i].push_back(static_cast<double>(messages) / r->seconds);
+      syncCounts[i] += r->syncs;
       if (r->pubcompSeconds > 0)
         pubcomps[i].push_back(static_cast<double>(messages) / r->pubcompSeconds);
     }
@@ -332,14 +374,15 @@ int Throughput(TestEnvironment& env, long messages) {
       "(a) pushes of %d values, QoS 2 over TLS, %ld messages per round, at most %ld "
       "unanswered; median of %d rounds\n",
       kValues, messages, kWindow, kRounds);
-  std::printf("%-20s %12s %14s %22s %9s\n", "", "messages/s", "values/s", "messages/s to PUBCOMP",
-              "refused");
+  std::printf("%-24s %12s %14s %22s %9s %12s\n", "", "messages/s", "values/s",
+              "messages/s to PUBCOMP", "refused", "fsyncs/push");
   for (std::size_t i = 0; i < pushers.size(); ++i) {
     double rate = Median(rates[i]);
     std::string pubcomp =
         pubcomps[i].empty() ? "-" : std::to_string(static_cast<long>(Median(pubcomps[i])));
-    std::printf("%-20s %12.0f %14.0f %22s %9ld\n", pushers[i]->Name(), rate, rate * kValues,
-                pubcomp.c_str(), pushers[i]->refused.Count());
+    std::printf("%-24s %12.0f %14.0f %22s %9ld %12.2f\n", pushers[i]->Name(), rate, rate * kValues,
+                pubcomp.c_str(), pushers[i]->refused.Count(),
+                static_cast<double>(syncCounts[i]) / static_cast<double>(messages * kRounds));
   }
   double libraryRate = Median(rates[0]), rawRate = Median(rates[1]);
   std::printf(
@@ -352,6 +395,65 @@ int Throughput(TestEnvironment& env, long messages) {
                          bench::Figure("%.0f msg/s", libraryRate),
                          bench::Figure("%.0f msg/s", Median(rates[2])),
                          libraryRate / Median(rates[2]), "-");
+  const struct {
+    std::size_t index;
+    const char* measure;
+    const char* target;
+    double goal;
+  } stores[] = {{3, "push throughput, store in memory", ">= 0.9", 0.9},
+                {4, "push throughput, store file NORMAL", ">= 0.5", 0.5},
+                {5, "push throughput, store file FULL", "-", 0}};
+  for (const auto& s : stores) {
+    double rate = Median(rates[s.index]);
+    std::printf("%s / raw: %.3f (%s%s), %.2f fsyncs a push\n", s.measure, rate / rawRate, s.target,
+                s.goal == 0                ? ""
+                : rate / rawRate >= s.goal ? ": met"
+                                           : ": missed",
+                static_cast<double>(syncCounts[s.index]) / static_cast<double>(messages * kRounds));
+    bench::PrintComparison(s.measure, bench::Figure("%.0f msg/s", rate),
+                           bench::Figure("%.0f msg/s", rawRate), rate / rawRate, s.target);
+    std::string syncsMeasure = std::string("  fsyncs per push, ") + (s.measure + 17);
+    bench::PrintComparison(syncsMeasure.c_str(),
+                           bench::Figure("%.2f", static_cast<double>(syncCounts[s.index]) /
+                                                     static_cast<double>(messages * kRounds)),
+                           "0", 0, "-");
+  }
+  std::printf("\n");
+  return 0;
+}
+
+long ResidentKiB() {
+  long pages = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> pages >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// (c): pushes made while the broker is down, as at 10 a second for
+// minutes, with the memory store's default bound.
+int OutageMemory(TestEnvironment& env, long pushes) {
+  LibraryPusher pusher(env, "library, store memory", "PushStore memory\n");
+  for (long n = 0; n < kWarmUpMessages; ++n) pusher.Publish(n);
+  if (!pusher.answered.WaitFor(kWarmUpMessages))
+    return std::fprintf(stderr, "outage: warm-up unanswered\n"), 1;
+  env.StopBroker();
+  long start = ResidentKiB(), peak = start;
+  std::printf("(c) resident memory while the broker is down, store in memory (8 MiB bound)\n");
+  std::printf("%10s %12s %10s\n", "pushes", "resident KiB", "waiting");
+  for (long n = 0; n < pushes; ++n) {
+    pusher.Publish(kWarmUpMessages + n);
+    if ((n + 1) % (pushes / 10) != 0) continue;
+    long now = ResidentKiB();
+    peak = std::max(peak, now);
+    size_t waiting = 0;
+    DAXO_GetWaitingPushCount(pusher.Client(), &waiting);
+    std::printf("%10ld %12ld %10zu\n", n + 1, now, waiting);
+  }
+  long end = ResidentKiB();
+  std::printf("start %ld KiB, peak %ld KiB, end %ld KiB: %+ld KiB for %ld pushes of %d values\n\n",
+              start, peak, end, peak - start, pushes, kValues);
+  bench::PrintComparison("resident memory growth, 6000 pushes offline (store 8 MiB)",
+                         bench::Figure("%.0f KiB", double(peak - start)), "-", 0, "<= 8192 + c");
+  env.StartBroker();
   return 0;
 }
 
@@ -384,6 +486,7 @@ int BuildCost() {
   auto* client = static_cast<DAXO_Client*>(calloc(1, sizeof(DAXO_Client)));
   client->clientId = strdup("bench-build");
   client->mosq = &transport;
+  client->mainWatch.sendable = 1;  // as if its network thread ran
   Batch batch;
   batch.sensorId = "s-0badcafe";
   for (int k = 0; k < kValues; ++k) batch.metricIds.push_back("m-" + std::to_string(10000000 + k));
@@ -462,6 +565,7 @@ int main(int argc, char** argv) {
     TestEnvironment env;
     status = Throughput(env, messages);
     if (status == 0) status = BuildCost();
+    if (status == 0) status = OutageMemory(env, 6000);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "daxo_bench_push: %s\n", e.what());
   }

@@ -10,6 +10,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+#include <sqlite3.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -50,6 +51,8 @@ using CryptoBytes = std::unique_ptr<unsigned char, CFree<CryptoFree>>;  // OPENS
 using X509ExtensionPtr = std::unique_ptr<X509_EXTENSION, CFree<X509_EXTENSION_free>>;
 using X509ExtensionStackPtr = std::unique_ptr<STACK_OF(X509_EXTENSION), CFree<FreeExtensionStack>>;
 using MosquittoPtr = std::unique_ptr<mosquitto, CFree<mosquitto_destroy>>;
+using SqlitePtr = std::unique_ptr<sqlite3, CFree<sqlite3_close_v2>>;
+using SqliteStmtPtr = std::unique_ptr<sqlite3_stmt, CFree<sqlite3_finalize>>;
 
 // The levels of a topic as mosquitto_sub_topic_tokenise yields them (an
 // empty level is null), held in one allocation: the level pointers followed

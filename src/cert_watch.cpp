@@ -59,6 +59,7 @@ extern "C" void* CertificateCheckingThread(void* param) noexcept {
     char* content = nullptr;
     while (int task = TakeRenewalTask(client, &content)) daxo::RunRenewalTask(client, task, content);
     daxo::SuperviseConnections(client);
+    daxo::SuperviseStore(client);
     __atomic_add_fetch(&client->ownerPasses, 1, __ATOMIC_RELEASE);
   }
   return nullptr;

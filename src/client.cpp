@@ -47,9 +47,10 @@ void DestroyClient(DAXO_Client* client) noexcept {
   StopCertificateCheckingThread(client);
   ReleaseConnections(client);
   FreeOwnerTasks(client);
+  ClosePushStore(client);
   for (char* text : {client->clientId, client->mqttHost, client->caFile, client->certFolder,
                      client->clientName, client->provisionDigest, client->provisionCert,
-                     client->renewalContent})
+                     client->renewalContent, client->pushStorePath})
     free(text);
   FreeSecret(client->newKeyContent);
   pthread_mutex_destroy(&client->instanceMutex);

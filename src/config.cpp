@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "c_handles.h"
@@ -40,28 +42,43 @@ constexpr Range kPortRange{1, 65535, false};
 // under 5 s other than 0 (off).
 constexpr Range kKeepAliveRange{5, 65535, true};
 
+// The pushed values kept for the agent: from a few pushes to what a small
+// device can spare.
+constexpr Range kStoreBytesRange{4096, INT_MAX, false};
+
+// A keyword setting stores the position of its word in the list.
+constexpr std::string_view kPolicyWords[] = {"drop-oldest", "refuse"};
+constexpr std::string_view kSyncWords[] = {"normal", "full"};
+
 struct Setting {
   std::string_view key;
   char* DAXO_Client::*text;  // exactly one of text and number is set
   int DAXO_Client::*number;
   Range range;
   bool required;
+  std::span<const std::string_view> words;  // a number given as one of these words
 };
 
 constexpr Setting kSettings[] = {
-    {"MqttHost", &DAXO_Client::mqttHost, nullptr, {}, true},
-    {"MqttPort", nullptr, &DAXO_Client::mqttPort, kPortRange, true},
-    {"MqttProvisionPort", nullptr, &DAXO_Client::mqttProvisionPort, kPortRange, true},
-    {"MqttKeepAlive", nullptr, &DAXO_Client::mqttKeepAlive, kKeepAliveRange, false},
-    {"CaFile", &DAXO_Client::caFile, nullptr, {}, true},
-    {"CertFolder", &DAXO_Client::certFolder, nullptr, {}, true},
-    {"ClientName", &DAXO_Client::clientName, nullptr, {}, false},
+    {"MqttHost", &DAXO_Client::mqttHost, nullptr, {}, true, {}},
+    {"MqttPort", nullptr, &DAXO_Client::mqttPort, kPortRange, true, {}},
+    {"MqttProvisionPort", nullptr, &DAXO_Client::mqttProvisionPort, kPortRange, true, {}},
+    {"MqttKeepAlive", nullptr, &DAXO_Client::mqttKeepAlive, kKeepAliveRange, false, {}},
+    {"CaFile", &DAXO_Client::caFile, nullptr, {}, true, {}},
+    {"CertFolder", &DAXO_Client::certFolder, nullptr, {}, true, {}},
+    {"ClientName", &DAXO_Client::clientName, nullptr, {}, false, {}},
+    {"PushStore", &DAXO_Client::pushStorePath, nullptr, {}, false, {}},
+    {"PushStoreMaxBytes", nullptr, &DAXO_Client::pushStoreMaxBytes, kStoreBytesRange, false, {}},
+    {"PushStorePolicy", nullptr, &DAXO_Client::pushStorePolicy, {}, false, kPolicyWords},
+    {"PushStoreSync", nullptr, &DAXO_Client::pushStoreSync, {}, false, kSyncWords},
 };
 
 // Without keep-alive a broker that stopped without closing its sockets is
 // never noticed; 60 s lets libmosquitto notice within about 90 s. An
 // explicit 0 still turns keep-alive off.
 constexpr int kDefaultKeepAliveSeconds = 60;
+
+constexpr int kDefaultStoreBytes = 8 * 1024 * 1024;
 
 // Decimal digits only: a sign, a unit or any other trailing text would
 // otherwise name another number ("38x83" is not port 38).
@@ -104,8 +121,18 @@ bool SplitLine(std::string_view text, Line* out) noexcept {
   return true;
 }
 
+std::optional<int> ToWord(std::string_view value,
+                          std::span<const std::string_view> words) noexcept {
+  for (size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == value) return static_cast<int>(i);
+  }
+  return std::nullopt;
+}
+
 void NoteValue(daxo::ConfigProblem* problem, const Setting& s, std::string_view value) noexcept {
-  problem->what = daxo::ConfigProblem::kBadNumber;
+  problem->what = s.words.empty() ? daxo::ConfigProblem::kBadNumber : daxo::ConfigProblem::kBadWord;
+  problem->words = s.words.empty() ? nullptr : s.words.data();
+  problem->wordCount = s.words.size();
   problem->key = s.key.data();
   problem->min = s.range.min;
   problem->max = s.range.max;
@@ -118,7 +145,8 @@ DAXO_Error Store(DAXO_Client* client, const Line& line, daxo::ConfigProblem* pro
   for (const Setting& s : kSettings) {
     if (s.key != line.key) continue;
     if (s.number != nullptr) {
-      std::optional<int> number = ToNumber(line.value, s.range);
+      std::optional<int> number =
+          s.words.empty() ? ToNumber(line.value, s.range) : ToWord(line.value, s.words);
       if (!number) {
         NoteValue(problem, s, line.value);
         return DAXO_Error_WrongConfigParams;
@@ -227,6 +255,7 @@ DAXO_Error ReadConfig(DAXO_Client* client, const char* confFile, ConfigProblem* 
   FilePtr file;
   if (DAXO_Error err = OpenConfig(confFile, &file, problem); err != DAXO_Error_Success) return err;
   client->mqttKeepAlive = kDefaultKeepAliveSeconds;
+  client->pushStoreMaxBytes = kDefaultStoreBytes;
   if (DAXO_Error err = ReadLines(client, file.get(), problem); err != DAXO_Error_Success)
     return err;
   return CheckRequired(client, problem);
@@ -258,6 +287,14 @@ void Explain(const daxo::ConfigProblem& p, DAXO_Error err, const char* path, cha
       snprintf(out, size, "%s line %d: %s \"%s\" is not %sa whole number from %d to %d", path,
                p.line, p.key, p.value, p.zeroAllowed ? "0 (off) or " : "", p.min, p.max);
       return;
+    case P::kBadWord: {
+      int n =
+          snprintf(out, size, "%s line %d: %s \"%s\" is not one of", path, p.line, p.key, p.value);
+      for (size_t i = 0; i < p.wordCount && n >= 0 && static_cast<size_t>(n) < size; ++i)
+        n += snprintf(out + n, size - n, " %.*s", static_cast<int>(p.words[i].size()),
+                      p.words[i].data());
+      return;
+    }
     case P::kMissing:
       snprintf(out, size, "%s: %s is missing, and it is required", path, p.key);
       return;
@@ -274,7 +311,8 @@ void Explain(const daxo::ConfigProblem& p, DAXO_Error err, const char* path, cha
 }
 
 void FreeSettings(DAXO_Client* client) noexcept {
-  for (char* text : {client->mqttHost, client->caFile, client->certFolder, client->clientName})
+  for (char* text : {client->mqttHost, client->caFile, client->certFolder, client->clientName,
+                     client->pushStorePath})
     free(text);
 }
 

@@ -65,6 +65,7 @@ void SubscribeCallback(struct mosquitto* /*mosq*/, void* obj, int /*mid*/, int q
   if (client == nullptr) return;
   if (qosCount < 1 || grantedQos == nullptr || grantedQos[0] == kSubscriptionRefused)
     return ReportRefusedSubscription(client, "was refused by the broker");
+  daxo::StoreOnline(client);
   ReportConnect(client, DAXO_Error_Success);
 }
 
@@ -85,6 +86,7 @@ void DisconnectCallback(struct mosquitto* /*mosq*/, void* obj, int result) noexc
                     result == MOSQ_ERR_KEEPALIVE ? "no answer within the keep-alive"
                                                  : mosquitto_strerror(result));
   daxo::WatchLost(client->mainWatch, result != 0);
+  daxo::StoreOffline(client);
   if (DAXO_OnDisconnect onDisconnect = daxo::Get(client->OnDisconnect))
     onDisconnect(client, client->callbackParameter,
                  result == 0 ? DAXO_Error_Success : DAXO_Error_UnexpectedDisconnect);
@@ -104,6 +106,7 @@ void PublishCallback(struct mosquitto* /*mosq*/, void* obj, int mid) noexcept {
   client->messageId = 0;
   daxo::Store(client->dailyChecksOff, 1);
   DeleteCertificates(client);
+  daxo::DropMemoryStore(client);
   onDeprovision(client, client->callbackParameter);
 }
 
@@ -169,6 +172,7 @@ DAXO_Error SetClientTls(DAXO_Client* client, MosquittoInterface* mi) noexcept {
 
 extern "C" DAXO_Error ConnectInternal(DAXO_Client* client, MosquittoInterface* mosquitto) noexcept {
   if (client == nullptr || client->clientId == nullptr) return DAXO_Error_InvalidArguments;
+  if (DAXO_Error err = daxo::OpenPushStore(client); err != DAXO_Error_Success) return err;
   return daxo::RunOnOwner(client, OwnerConnect, mosquitto);
 }
 
@@ -234,6 +238,7 @@ DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept 
 DAXO_Error DisconnectMain(DAXO_Client* client) noexcept {
   if (!Load(client->polling)) return DAXO_Error_Success;
   SetSendable(client, client->mainWatch, 0);
+  StoreOffline(client);
   MosquittoInterface* mi = client->mosq;
   int rc = mi->mosquittoDisconnectFunction(mi);
   Store(client->polling, 0);

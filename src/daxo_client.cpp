@@ -195,6 +195,17 @@ DAXO_Error DAXO_DeleteMetricsCallbackSet(DAXO_Client* client,
   return SetCallback(client, &DAXO_Client::OnDeleteMetrics, OnDeleteMetrics);
 }
 
+DAXO_Error DAXO_PushDroppedCallbackSet(DAXO_Client* client,
+                                       DAXO_OnPushDropped OnPushDropped) noexcept {
+  return SetCallback(client, &DAXO_Client::OnPushDropped, OnPushDropped);
+}
+
+DAXO_Error DAXO_GetWaitingPushCount(DAXO_Client* client, size_t* count) noexcept {
+  if (client == nullptr || count == nullptr) return DAXO_Error_InvalidArguments;
+  *count = daxo::StoredPushCount(client);
+  return DAXO_Error_Success;
+}
+
 DAXO_Error DAXO_PushMetricValuesCallbackSet(DAXO_Client* client,
                                             DAXO_OnPushMetricValues OnPushMetricValues) noexcept {
   return SetCallback(client, &DAXO_Client::OnPushMetricValues, OnPushMetricValues);

@@ -102,7 +102,13 @@ typedef enum DAXO_ErrorTag {
   DAXO_Error_HostNotFound = 41,
   DAXO_Error_ConnectionTimeout = 42,
   DAXO_Error_BrokerCertificateRefused = 43,
-  DAXO_Error_ClientCertificateRefused = 44
+  DAXO_Error_ClientCertificateRefused = 44,
+  /* The push store (PushStore in the configuration) is full and its policy
+   * is "refuse"; or one push is larger than the whole store. */
+  DAXO_Error_PushStoreFull = 50,
+  /* The persistent push store cannot be opened, read or written (its
+   * folder is not writable, the disk is full); the log names the reason. */
+  DAXO_Error_PushStoreUnusable = 51
 } DAXO_Error;
 
 /* The agent's verdict on a request, passed to reply callbacks. The numbers
@@ -381,6 +387,31 @@ typedef void (*DAXO_OnCreateSensorJob)(DAXO_Client* client, DAXO_SensorMetadata*
 typedef void (*DAXO_OnDeleteSensorJob)(DAXO_Client* client, const char* sensorId,
                                        void* callbackParameter);
 
+/* Why kept pushes were dropped without reaching the agent. */
+typedef enum DAXO_PushDropReasonTag {
+  /* The store was full and its policy is "drop-oldest". */
+  DAXO_PushDrop_StoreFull = 1,
+  /* A memory store ended with its client: DAXO_DeleteClient, or the
+   * completion of DAXO_DeprovisionClient. */
+  DAXO_PushDrop_ClientEnded = 2,
+  /* The persistent store's file was corrupt: it was moved aside and a new
+   * one started; count is 0, as what the file held is unknown. */
+  DAXO_PushDrop_StoreCorrupt = 3,
+  /* The persistent store held pushes of another client identity (the
+   * client was provisioned anew since): they are dropped when it opens. */
+  DAXO_PushDrop_OtherIdentity = 4
+} DAXO_PushDropReason;
+
+/* Kept pushes of sensor sensorId (count of them, oldest first) were dropped
+ * and will never be sent; none of them reaches OnPushMetricValues.
+ * sensorId is null with DAXO_PushDrop_StoreCorrupt and
+ * DAXO_PushDrop_OtherIdentity. Runs on the thread
+ * whose call caused the drop: the application's for DAXO_PushMetricValues,
+ * DAXO_Connect and DAXO_DeleteClient, the network thread for a
+ * deprovisioning's completion. */
+typedef void (*DAXO_OnPushDropped)(DAXO_Client* client, void* callbackParameter,
+                                   const char* sensorId, int count, DAXO_PushDropReason reason);
+
 /* ------------------------------------------------------------------------
  * Library
  * ---------------------------------------------------------------------- */
@@ -403,9 +434,13 @@ DAXO_EXPORT DAXO_Error DAXO_LibCleanup(void) DAXO_NOEXCEPT;
  * The file, a regular file, holds one setting a line (at most 4096
  * characters), a key, blanks and the value:
  *   MqttHost, MqttPort, MqttProvisionPort, CaFile, CertFolder (required),
- *   MqttKeepAlive, ClientName (optional). Lines starting with "#" are
- *   comments. Ports are whole numbers from 1 to 65535; MqttKeepAlive is 0
- *   (off) or from 5 to 65535 seconds, 60 when absent.
+ *   MqttKeepAlive, ClientName, and the push store's PushStore ("memory"
+ *   or a file's path), PushStoreMaxBytes (4096 to 2147483647, 8388608 when
+ *   absent), PushStorePolicy ("drop-oldest", the default, or "refuse") and
+ *   PushStoreSync ("normal", the default, or "full") (optional; see
+ *   DAXO_PushMetricValues). Lines starting with "#" are comments. Ports are
+ *   whole numbers from 1 to 65535; MqttKeepAlive is 0 (off) or from 5 to
+ *   65535 seconds, 60 when absent.
  *
  * callbackParameter is passed back unchanged to every callback and never
  * dereferenced. err must point to writable storage; it receives the result
@@ -413,7 +448,7 @@ DAXO_EXPORT DAXO_Error DAXO_LibCleanup(void) DAXO_NOEXCEPT;
  * DAXO_Error_WrongConfigName (empty confFile), DAXO_Error_ConfigReadFailed
  * (the file cannot be opened or read), DAXO_Error_WrongConfigParams (not a
  * regular file, a line too long, a number out of its range or with other
- * text, a required key missing), DAXO_Error_NoMemory,
+ * text, a word not among its choices, a required key missing), DAXO_Error_NoMemory,
  * DAXO_Error_ThreadCreate, or DAXO_Error_Success. DAXO_ExplainConfig puts
  * a configuration failure in words.
  *
@@ -498,6 +533,8 @@ DAXO_EXPORT DAXO_Error DAXO_CreateSensorJobCallbackSet(DAXO_Client* client,
                                                        DAXO_OnCreateSensorJob OnCreateSensorJob) DAXO_NOEXCEPT;
 DAXO_EXPORT DAXO_Error DAXO_DeleteSensorJobCallbackSet(DAXO_Client* client,
                                                        DAXO_OnDeleteSensorJob OnDeleteSensorJob) DAXO_NOEXCEPT;
+DAXO_EXPORT DAXO_Error DAXO_PushDroppedCallbackSet(DAXO_Client* client,
+                                                   DAXO_OnPushDropped OnPushDropped) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Provisioning
@@ -731,6 +768,50 @@ DAXO_EXPORT DAXO_Error DAXO_AddEpochTimeStamp(DAXO_MetricValueContainer* contain
  * values. DAXO_Disconnect and DAXO_DeleteClient drop what is still kept. */
 DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* sensorId,
                                              DAXO_MetricValueContainer* container) DAXO_NOEXCEPT;
+
+/* With a push store (PushStore in the configuration, "memory" or a file's
+ * path), DAXO_PushMetricValues keeps each push until the agent answers it
+ * and the paragraph above no longer applies:
+ *   - It returns DAXO_Error_Success once the push is kept (written to the
+ *     file, with a path), connected or not; DAXO_Error_PushStoreFull when
+ *     the store is full under the "refuse" policy or the push alone exceeds
+ *     PushStoreMaxBytes; DAXO_Error_PushStoreUnusable when the file cannot
+ *     be written; DAXO_Error_NoConnectionToServer before DAXO_Connect,
+ *     which opens the store; DAXO_Error_InvalidArguments, with nothing
+ *     kept, for a sensor id holding "/", "+" or "#".
+ *   - Kept pushes are sent only while connected, and only after the agent
+ *     has answered a connection check on that connection; oldest first, at
+ *     most 64 awaiting their answer at a time, new pushes behind the
+ *     backlog. Pushes unanswered when a connection is lost, or for 10 s
+ *     while connected (the library then checks the connection, every 2 s
+ *     until answered, and resends them once that check is answered), are
+ *     sent again.
+ *   - Guarantee: every kept push reaches the agent at least once, in the
+ *     order of the pushes of its sensor, or is reported through
+ *     OnPushDropped. A push arrives twice only when the agent stored it but
+ *     its answer was lost with a connection. This relies on the agent
+ *     handling the messages of a client in the order they arrive, across
+ *     its topics, and answering in that order.
+ *   - Every push gets one OnPushMetricValues, an error answer included,
+ *     matched in order per sensor; an answer that matches no kept push (a
+ *     duplicate's) is logged and not delivered. The library's own
+ *     connection checks are answered to it, not to OnCheckConnection.
+ *   - When the store is full, "drop-oldest" (the default) drops the oldest
+ *     pushes to make room, "refuse" refuses the new one. A memory store's
+ *     pushes are dropped by DAXO_DeleteClient and by the completion of a
+ *     deprovisioning; DAXO_Disconnect keeps them for the next DAXO_Connect.
+ *     A file keeps them for the next DAXO_Connect of a client using it,
+ *     after a restart too. Every drop reaches OnPushDropped.
+ *   - With a file, PushStoreSync "normal" (the default) loses nothing when
+ *     the process dies; a power cut may lose the last pushes, never the
+ *     file. "full" loses nothing on a power cut, at an fsync a push. */
+
+/* DAXO_GetWaitingPushCount writes into *count how many pushes the client's
+ * push store keeps (not yet answered by the agent); 0 when there is no
+ * store or before DAXO_Connect opens it. Any thread. Returns
+ * DAXO_Error_InvalidArguments for a null client or count, else
+ * DAXO_Error_Success. */
+DAXO_EXPORT DAXO_Error DAXO_GetWaitingPushCount(DAXO_Client* client, size_t* count) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Error reports: the application's own failures, its own code and text.

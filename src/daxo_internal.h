@@ -134,7 +134,18 @@ struct DAXO_ClientTag {
   // A provisioning exchange that has no answer by then reports a failure.
   long long provisionDeadlineMs;  // 0: no exchange pending
   long long provisionTimeoutMs;
+
+  // Pushes kept until the agent answers them (push_store.cpp).
+  char* pushStorePath;             // "memory" or the database's path; null: pushes are not kept
+  int pushStoreMaxBytes;           // bound of what is kept
+  int pushStorePolicy;             // PushStorePolicy: what a push meets when the store is full
+  int pushStoreSync;               // PushStoreSync
+  struct PushStoreTag* pushStore;  // made by DAXO_Connect; freed with the client
+  DAXO_OnPushDropped OnPushDropped;
 };
+
+enum PushStorePolicy { PushStoreDropOldest = 0, PushStoreRefuse };
+enum PushStoreSync { PushStoreSyncNormal = 0, PushStoreSyncFull };
 
 enum RenewalTask {
   RenewalTaskNone = 0,
@@ -371,6 +382,7 @@ DAXO_EXPORT int DeleteCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
 }
 
 #include <cstdarg>
+#include <string_view>
 
 #include "c_handles.h"
 
@@ -571,19 +583,53 @@ inline constexpr size_t kConfigLineMax = 4096;
 
 // What the configuration reader found wrong, to be put in words.
 struct ConfigProblem {
-  enum What { kNone, kOpen, kRead, kNotRegular, kTooLong, kBadNumber, kMissing, kNoMemory };
+  enum What {
+    kNone,
+    kOpen,
+    kRead,
+    kNotRegular,
+    kTooLong,
+    kBadNumber,
+    kBadWord,
+    kMissing,
+    kNoMemory
+  };
   What what;
   int line;         // 1-based; 0 when the problem is not on one line
   const char* key;  // the setting concerned, or null
   int errnum;       // errno of a failed open or read
   int min, max;     // the numbers a refused value may take
   bool zeroAllowed;
+  const std::string_view* words;  // the words a refused keyword may be
+  size_t wordCount;
   char value[48];  // the refused value, cut to fit
 };
 // LoadConfig, with what went wrong described in *problem.
 DAXO_Error ReadConfig(DAXO_Client* client, const char* confFile, ConfigProblem* problem) noexcept;
 // DAXO_ExplainConfig after its guard clauses.
 DAXO_Error ExplainConfig(const char* confFile, char* buffer, size_t size) noexcept;
+
+// The push store (push_store.cpp), on when PushStore is configured. Opened
+// by DAXO_Connect: Success when off or already open, else the code of a
+// store that cannot be used (logged).
+DAXO_Error OpenPushStore(DAXO_Client* client) noexcept;
+// Keeps a push and sends it when the agent can hear it.
+DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topic,
+                     const char* payload) noexcept;
+// An answer to a push of sensorId: whether the application is to hear of
+// it (false for a push it was told was dropped).
+bool StoreAnswered(DAXO_Client* client, const char* sensorId) noexcept;
+// An answer to a connection check: true when it answered the library's own.
+bool StoreCheckAnswered(DAXO_Client* client) noexcept;
+// The client's topics are subscribed on a new connection, or it is gone.
+void StoreOnline(DAXO_Client* client) noexcept;
+void StoreOffline(DAXO_Client* client) noexcept;
+// Run by the owner: a connection check when the agent has gone quiet.
+void SuperviseStore(DAXO_Client* client) noexcept;
+size_t StoredPushCount(const DAXO_Client* client) noexcept;
+// A memory store's pushes end with the client's identity.
+void DropMemoryStore(DAXO_Client* client) noexcept;
+void ClosePushStore(DAXO_Client* client) noexcept;
 
 // Everything DAXO_DeleteClient releases, on a non-null client.
 void DestroyClient(DAXO_Client* client) noexcept;

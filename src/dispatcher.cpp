@@ -68,6 +68,10 @@ constexpr StatusRoute kMetricStatusRoutes[] = {
 
 void StatusReply(const Message& m, const StatusRoute& route, const char* sensorId) noexcept {
   if (m.count != route.count || !m.LevelIs(route.statusLevel + 1, "inbox")) return;
+  if (route.callback == &DAXO_Client::OnPushMetricValues &&
+      (m.LevelIs(route.statusLevel, "info") || m.LevelIs(route.statusLevel, "error")) &&
+      !daxo::StoreAnswered(m.client, sensorId))
+    return;
   SensorReply callback = m.client->*route.callback;
   if (m.LevelIs(route.statusLevel, "info")) {
     if (callback != nullptr) callback(m.client, m.Parameter(), sensorId, DAXO_ApiError_NoError);
@@ -145,6 +149,10 @@ void ProcessSensorId(const Message& m, const char* sensorId) noexcept {
 DAXO_Error ProcessPing(const Message& m) noexcept {
   DAXO_OnCheckConnection callback = m.client->OnCheckConnection;
   if (m.count != 6 || !m.LevelIs(TopicIndexClientIdPingInfoInbox, "inbox")) return DAXO_Error_Success;
+  if ((m.LevelIs(TopicIndexClientIdPingInfo, "info") ||
+       m.LevelIs(TopicIndexClientIdPingError, "error")) &&
+      daxo::StoreCheckAnswered(m.client))
+    return DAXO_Error_Success;
   if (m.LevelIs(TopicIndexClientIdPingInfo, "info")) {
     if (callback != nullptr) callback(m.client, m.Parameter(), DAXO_ApiError_NoError);
   } else if (m.LevelIs(TopicIndexClientIdPingError, "error")) {

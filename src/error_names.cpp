@@ -97,6 +97,10 @@ const char* DAXO_ErrorName(DAXO_Error err) noexcept {
       return "DAXO_Error_BrokerCertificateRefused";
     case DAXO_Error_ClientCertificateRefused:
       return "DAXO_Error_ClientCertificateRefused";
+    case DAXO_Error_PushStoreFull:
+      return "DAXO_Error_PushStoreFull";
+    case DAXO_Error_PushStoreUnusable:
+      return "DAXO_Error_PushStoreUnusable";
   }
   return "DAXO_Error_(unknown)";
 }

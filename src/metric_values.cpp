@@ -143,7 +143,12 @@ DAXO_Error PushMetricValues(DAXO_Client* client, const char* sensorId,
                        json_object_new_int64(static_cast<int64_t>(container->timestamp)))) !=
           DAXO_Error_Success)
     return err;
-  return Request(client, body.get(), "sensor/%s", sensorId);
+  if (client->pushStorePath == nullptr) return Request(client, body.get(), "sensor/%s", sensorId);
+  CStr topic = Format("/%s/%s/sensor/%s", kApiVersion, client->clientId, sensorId);
+  if (!topic) return DAXO_Error_NoMemory;
+  const char* text = Render(body.get(), &err);
+  if (text == nullptr) return err;
+  return StorePush(client, sensorId, topic.get(), text);
 }
 
 }  // namespace daxo

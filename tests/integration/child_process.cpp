@@ -73,6 +73,12 @@ std::optional<ExitStatus> ChildProcess::Stop() {
   return Reap(true);
 }
 
+std::optional<ExitStatus> ChildProcess::Kill() {
+  if (pid_ <= 0) return ended_;
+  kill(pid_, SIGKILL);
+  return Reap(true);
+}
+
 bool ChildProcess::WaitForOutput(const std::function<bool(const std::vector<std::string>&)>& done,
                                  std::chrono::milliseconds timeout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;

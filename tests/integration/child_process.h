@@ -35,6 +35,8 @@ class ChildProcess {
   // nullopt when the process still runs after timeout.
   std::optional<ExitStatus> WaitForExit(std::chrono::milliseconds timeout);
   bool Running() { return pid_ > 0 && !Reap(false); }
+  // SIGKILL at once, as a power cut or the out-of-memory killer would.
+  std::optional<ExitStatus> Kill();
   // Waits until done(lines) holds or the process has ended; returns done(lines).
   bool WaitForOutput(const std::function<bool(const std::vector<std::string>&)>& done,
                      std::chrono::milliseconds timeout);

@@ -1,17 +1,18 @@
 #ifndef DAXO_TEST_LIBRARY_CLIENT_H
 #define DAXO_TEST_LIBRARY_CLIENT_H
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "daxo_client.h"
 #include "environment.h"
@@ -28,11 +29,15 @@ class LibraryClient {
     std::string text = "none";
   };
 
-  LibraryClient(TestEnvironment& env, ClientConfig config = {}) {
+  // extraLines: settings the environment does not write, appended.
+  LibraryClient(TestEnvironment& env, ClientConfig config = {},
+                const std::string& extraLines = "") {
     if (config.certFolder.empty()) config.certFolder = env.NewCertFolder();
     certFolder_ = config.certFolder;
+    configFile_ = env.WriteClientConfig(config);
+    std::ofstream(configFile_, std::ios::app) << extraLines;
     DAXO_Error err = DAXO_Error_Unknown;
-    client_ = DAXO_NewClient(env.WriteClientConfig(config).c_str(), this, &err);
+    client_ = DAXO_NewClient(configFile_.c_str(), this, &err);
     if (client_ == nullptr) throw std::runtime_error("DAXO_NewClient: " + std::to_string(err));
     SetCallbacks(client_);
   }
@@ -43,6 +48,7 @@ class LibraryClient {
   operator DAXO_Client*() const { return client_; }
   DAXO_Client* operator->() const { return client_; }
   const std::string& CertFolder() const { return certFolder_; }
+  const std::string& ConfigFile() const { return configFile_; }
   std::string Id() const { return Str(DAXO_GetClientId(client_), ""); }
 
   Event Next(const std::string& name, std::chrono::seconds timeout = std::chrono::seconds(20)) {
@@ -140,9 +146,13 @@ class LibraryClient {
     DAXO_DeleteSensorJobCallbackSet(c, [](DAXO_Client*, const char* id, void* self) {
       Self(self).Record("deleteSensorJob", 0, Str(id));
     });
+    DAXO_PushDroppedCallbackSet(
+        c, [](DAXO_Client*, void* self, const char* id, int count, DAXO_PushDropReason why) {
+          Self(self).Record("pushDropped", why, Str(id) + " " + std::to_string(count));
+        });
   }
 
-  std::string certFolder_;
+  std::string certFolder_, configFile_;
   DAXO_Client* client_ = nullptr;
   std::mutex mutex_;
   std::condition_variable changed_;

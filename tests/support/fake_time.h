@@ -10,6 +10,8 @@ namespace fake_time {
 void SetNow(time_t now);  // -1: the real clock again
 // CLOCK_BOOTTIME is frozen unless a test lets it run.
 void RunBootClock(bool runs);
+// Moves the frozen CLOCK_BOOTTIME on; 0 puts it back.
+void AdvanceBootClock(long long ms);
 
 struct Scope {
   explicit Scope(time_t now) { SetNow(now); }

@@ -13,12 +13,14 @@
 namespace {
 volatile time_t fixedNow = -1;
 std::atomic<bool> bootClockRuns{false};  // read by the library's threads
+std::atomic<long long> bootAdvanceMs{0};
 }  // namespace
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* tp) {
   if (clock != CLOCK_BOOTTIME || bootClockRuns)
     return static_cast<int>(syscall(SYS_clock_gettime, clock, tp));
-  *tp = {1000, 0};
+  long long ms = 1000000 + bootAdvanceMs.load();
+  *tp = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
   return 0;
 }
 
@@ -33,3 +35,4 @@ extern "C" time_t time(time_t* out) {
 
 void fake_time::SetNow(time_t now) { fixedNow = now; }
 void fake_time::RunBootClock(bool runs) { bootClockRuns = runs; }
+void fake_time::AdvanceBootClock(long long ms) { bootAdvanceMs = ms; }

@@ -48,7 +48,9 @@ TEST(LoadConfig, ReadsEachLineByItsRules) {
   for (const char* line :
        {"MqttPort 38x83", "MqttPort=1883", "MqttPort 0", "MqttPort -1", "MqttPort +1883",
         "MqttPort 65536", "MqttPort 99999999999999999999", "MqttProvisionPort 70000",
-        "MqttKeepAlive -5", "MqttKeepAlive 4", "MqttKeepAlive 65536", "MqttKeepAlive 60s"}) {
+        "MqttKeepAlive -5", "MqttKeepAlive 4", "MqttKeepAlive 65536", "MqttKeepAlive 60s",
+        "PushStoreMaxBytes 4095", "PushStorePolicy drop", "PushStorePolicy Refuse",
+        "PushStoreSync fsync"}) {
     EXPECT_EQ(Load(req + line + "\n").find(kBad), 0u) << line;
   }
   for (const char* key :
@@ -82,6 +84,9 @@ TEST(ExplainConfig, SaysWhatIsWrongAndAgreesWithNewClient) {
        "line 6: MqttKeepAlive \"3\" is not 0 (off) or a whole number from 5 to 65535"},
       {dir.Write("long.conf", "\n\nClientName " + std::string(5000, 'x')),
        DAXO_Error_WrongConfigParams, "long.conf line 3: longer than 4096 characters"},
+      {dir.Write("policy.conf", kRequired + "PushStorePolicy oldest\n"),
+       DAXO_Error_WrongConfigParams,
+       "line 6: PushStorePolicy \"oldest\" is not one of drop-oldest refuse"},
       {"", DAXO_Error_WrongConfigName, "the path of the configuration file is empty"},
   };
   for (const auto& c : cases) {

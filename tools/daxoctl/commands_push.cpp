@@ -54,11 +54,16 @@ int Send(Session& session, const PushSettings& settings, const std::vector<Assig
   DAXO_Error sent = DAXO_PushMetricValues(session.Client(), settings.sensor.c_str(), values.get());
   if (auto exit = session.Sent("push", sent)) return *exit;
   if (auto [reply, exit] = session.Reply("pushMetricValues"); !reply) return exit;
-  session.Out().Result(session.Success()
-                           .Add("sensor", settings.sensor)
-                           .Add("values", static_cast<int64_t>(batch.size())),
-                       "pushed " + std::to_string(batch.size()) + " value(s) to " +
-                           settings.sensor);
+  // With a push store, what earlier runs or batches left for the agent.
+  size_t waiting = 0;
+  DAXO_GetWaitingPushCount(session.Client(), &waiting);
+  session.Out().Result(
+      session.Success()
+          .Add("sensor", settings.sensor)
+          .Add("values", static_cast<int64_t>(batch.size()))
+          .Add("waiting", static_cast<int64_t>(waiting)),
+      "pushed " + std::to_string(batch.size()) + " value(s) to " + settings.sensor +
+          (waiting > 0 ? "; " + std::to_string(waiting) + " push(es) waiting" : std::string()));
   return kOk;
 }
 

@@ -1,0 +1,449 @@
+// The push store: pushes are kept until the agent answers them, sent only
+// once the agent has answered a connection check on the current connection,
+// and sent again when their connection, or the agent, was lost before the
+// answer came.
+//
+// Kept pushes go out at QoS 0: the store is their only queue. libmosquitto
+// keeps QoS 1 and 2 messages that were not acknowledged and sends them
+// again by itself on the next connection, before the agent has subscribed
+// again; the broker then drops them, or, once the store had sent them too,
+// they would arrive twice. The agent's answer, not the broker's
+// acknowledgement, ends a push, so a QoS 0 message lost with its connection
+// costs nothing but its resend.
+#include "push_store.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "string_utils.h"
+
+namespace {
+
+using daxo::MutexLock;
+
+// Pushes handed to the connection and not answered: enough to keep the
+// agent busy, few enough that a long backlog leaves room for the
+// application's other requests.
+constexpr int kWindow = 64;
+// Pushes or a check unanswered for this long while connected: the agent
+// may have gone, and what it did not answer is sent again once it answers
+// a check.
+constexpr long long kQuietMs = 10000;
+// A check unanswered for this long is taken as lost (sent before the agent
+// had subscribed again, or while it was away) and sent again. Only the
+// last one is counted as the library's: an answer to a lost one cannot
+// come, and counting them would withhold the application's own answers.
+constexpr long long kCheckRetryMs = 2000;
+
+constexpr char kCheckPayload[] = "{\"request\":\"CheckProvisioning\"}";
+
+PushStoreTag* StoreOf(const DAXO_Client* client) noexcept {
+  return __atomic_load_n(&client->pushStore, __ATOMIC_ACQUIRE);
+}
+
+// With the store's mutex held; publishes only on a connection that runs.
+bool PublishNow(DAXO_Client* client, const char* topic, const char* payload, int length) noexcept {
+  MutexLock lock(&client->instanceMutex);
+  MosquittoInterface* mi = client->mosq;
+  if (mi == nullptr || !client->mainWatch.sendable) return false;
+  return mi->mosquittoPublishFunction(mi, nullptr, topic, length, payload, 0, 0) ==
+         MOSQ_ERR_SUCCESS;
+}
+
+void SendCheck(DAXO_Client* client, PushStoreTag* store) noexcept {
+  daxo::CStr topic = daxo::Format("/%s/%s/ping", daxo::kApiVersion, client->clientId);
+  if (!topic || !PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1)) return;
+  store->checksOut++;
+  store->checkSentMs = daxo::NowMs();
+}
+
+void Pump(DAXO_Client* client, PushStoreTag* store) noexcept {
+  while (store->online && store->ready && store->inFlight < kWindow) {
+    while (store->unsent != nullptr && store->unsent->dropped) store->unsent = store->unsent->next;
+    KeptPush* push = store->unsent;
+    if (push == nullptr || !PublishNow(client, push->topic, push->payload, push->length)) return;
+    push->sentMs = daxo::NowMs();
+    store->inFlight++;
+    store->unsent = push->next;
+  }
+}
+
+// Unlinks push, whose predecessor is prev (null: the head).
+void Unlink(PushStoreTag* store, KeptPush* prev, KeptPush* push) noexcept {
+  (prev != nullptr ? prev->next : store->head) = push->next;
+  if (store->tail == push) store->tail = prev;
+  if (store->unsent == push) store->unsent = push->next;
+  if (push->sentMs != 0) store->inFlight--;
+  if (!push->dropped) {
+    store->count--;
+    store->bytes -= push->bytes;
+  }
+}
+
+// The agent has answered a check: what it has not answered never reached
+// it and is to be sent again, and no answer can come for a dropped push.
+void Rewind(PushStoreTag* store) noexcept {
+  KeptPush* prev = nullptr;
+  for (KeptPush* push = store->head; push != nullptr;) {
+    KeptPush* next = push->next;
+    push->sentMs = 0;
+    if (push->dropped) {
+      Unlink(store, prev, push);
+      free(push);
+    } else {
+      prev = push;
+    }
+    push = next;
+  }
+  store->inFlight = 0;
+  store->unsent = store->head;
+}
+
+// Drops reported to the application once the store's mutex is released:
+// runs of pushes of one sensor, with the sensor ids copied behind them.
+struct DropGroup {
+  const char* sensorId;
+  int count;
+};
+struct DropReport {
+  size_t groups = 0;
+  std::unique_ptr<DropGroup, daxo::CFree<free>> block;
+};
+
+// Drops the n oldest pushes (those whose answer may still come are marked,
+// the others freed). NoMemory, with nothing changed, when the report
+// cannot be made.
+DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcept {
+  if (n == 0) return DAXO_Error_Success;
+  size_t names = 0, seen = 0;
+  for (KeptPush* p = store->head; p != nullptr && seen < n; p = p->next) {
+    if (p->dropped) continue;
+    names += strlen(p->sensorId) + 1;
+    seen++;
+  }
+  report->block.reset(static_cast<DropGroup*>(malloc(n * sizeof(DropGroup) + names)));
+  if (!report->block) return DAXO_Error_NoMemory;
+  DropGroup* groups = report->block.get();
+  char* text = reinterpret_cast<char*>(groups + n);
+  KeptPush* prev = nullptr;
+  for (KeptPush* p = store->head; p != nullptr && n > 0;) {
+    KeptPush* next = p->next;
+    if (p->dropped) {
+      prev = p, p = next;
+      continue;
+    }
+    size_t& g = report->groups;
+    if (g == 0 || strcmp(groups[g - 1].sensorId, p->sensorId) != 0) {
+      groups[g++] = {strcpy(text, p->sensorId), 0};
+      text += strlen(text) + 1;
+    }
+    groups[g - 1].count++;
+    n--;
+    daxo::DeleteRow(store, p);
+    if (p->sentMs != 0) {
+      // Its answer is still to come and must not be taken for a later one's.
+      store->count--;
+      store->bytes -= p->bytes;
+      p->bytes = 0;
+      p->dropped = true;
+      prev = p;
+    } else {
+      Unlink(store, prev, p);
+      free(p);
+    }
+    p = next;
+  }
+  return DAXO_Error_Success;
+}
+
+void Report(DAXO_Client* client, const DropReport& report, DAXO_PushDropReason reason) noexcept {
+  DAXO_OnPushDropped onDropped = daxo::Get(client->OnPushDropped);
+  for (size_t i = 0; i < report.groups; ++i) {
+    const DropGroup& g = report.block.get()[i];
+    daxo::LogFormat(client, "Push store: %d push%s of sensor %s dropped (%s)", g.count,
+                    g.count == 1 ? "" : "es", g.sensorId,
+                    reason == DAXO_PushDrop_StoreFull ? "the store is full" : "the client ended");
+    if (onDropped != nullptr)
+      onDropped(client, client->callbackParameter, g.sensorId, g.count, reason);
+  }
+}
+
+// How many of the oldest pushes must go for bytes more to fit; -1: never.
+long long ToDrop(const PushStoreTag* store, size_t bytes) noexcept {
+  if (bytes > store->maxBytes) return -1;
+  size_t freed = 0;
+  long long n = 0;
+  for (const KeptPush* p = store->head; p != nullptr; p = p->next) {
+    if (store->bytes - freed + bytes <= store->maxBytes) break;
+    if (p->dropped) continue;
+    freed += p->bytes;
+    n++;
+  }
+  return n;
+}
+
+// Makes room for push under the policy, then keeps it.
+DAXO_Error Keep(PushStoreTag* store, KeptPush* push, DropReport* report) noexcept {
+  long long n = ToDrop(store, push->bytes);
+  if (n < 0 || (n > 0 && store->policy == PushStoreRefuse)) return DAXO_Error_PushStoreFull;
+  if (DAXO_Error err = DropOldest(store, static_cast<size_t>(n), report); err != DAXO_Error_Success)
+    return err;
+  if (DAXO_Error err = daxo::InsertRow(store, push); err != DAXO_Error_Success) return err;
+  daxo::AppendKept(store, push);
+  return DAXO_Error_Success;
+}
+
+// Rows a file kept for another identity (the client was provisioned anew):
+// that client's topics are not this one's to publish on, and its sensors
+// are not this one's. Returns how many were dropped.
+int DropForeign(const DAXO_Client* client, PushStoreTag* store) noexcept {
+  daxo::CStr prefix = daxo::Format("/%s/%s/", daxo::kApiVersion, client->clientId);
+  if (!prefix) return 0;  // kept: a wrong topic is refused later, not lost
+  size_t length = strlen(prefix.get());
+  int dropped = 0;
+  KeptPush* prev = nullptr;
+  for (KeptPush* p = store->head; p != nullptr;) {
+    KeptPush* next = p->next;
+    if (strncmp(p->topic, prefix.get(), length) == 0) {
+      prev = p;
+    } else {
+      daxo::DeleteRow(store, p);
+      Unlink(store, prev, p);
+      free(p);
+      dropped++;
+    }
+    p = next;
+  }
+  return dropped;
+}
+
+void FreeKept(PushStoreTag* store) noexcept {
+  for (KeptPush* p = store->head; p != nullptr;) free(std::exchange(p, p->next));
+  store->head = store->tail = store->unsent = nullptr;
+}
+
+}  // namespace
+
+namespace daxo {
+
+KeptPush* NewKeptPush(const char* sensorId, size_t sensorLength, const char* topic,
+                      size_t topicLength, const char* payload, int length) noexcept {
+  size_t size = sizeof(KeptPush) + sensorLength + topicLength + static_cast<size_t>(length) + 3;
+  auto* push = static_cast<KeptPush*>(calloc(1, size));
+  if (push == nullptr) return nullptr;
+  char* text = reinterpret_cast<char*>(push + 1);
+  push->sensorId = static_cast<char*>(memcpy(text, sensorId, sensorLength));
+  push->topic = static_cast<char*>(memcpy(text + sensorLength + 1, topic, topicLength));
+  push->payload = static_cast<char*>(memcpy(push->topic + topicLength + 1, payload, length));
+  push->length = length;
+  push->bytes = size;
+  return push;
+}
+
+void AppendKept(PushStoreTag* store, KeptPush* push) noexcept {
+  (store->tail != nullptr ? store->tail->next : store->head) = push;
+  store->tail = push;
+  if (store->unsent == nullptr) store->unsent = push;
+  store->count++;
+  store->bytes += push->bytes;
+}
+
+DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
+  if (client->pushStorePath == nullptr || StoreOf(client) != nullptr) return DAXO_Error_Success;
+  auto* store = new (std::nothrow) PushStoreTag{};
+  if (store == nullptr) return DAXO_Error_NoMemory;
+  store->maxBytes = static_cast<size_t>(client->pushStoreMaxBytes);
+  store->policy = client->pushStorePolicy;
+  if (strcmp(client->pushStorePath, "memory") != 0) {
+    DbOpen opened = OpenDatabase(client, store);
+    if (opened.err == DAXO_Error_Success) opened.err = LoadRows(store);
+    if (opened.err != DAXO_Error_Success) {
+      LogFormat(client, "Push store %s cannot be used: %s", client->pushStorePath, opened.why);
+      FreeKept(store);
+      delete store;
+      return opened.err;
+    }
+    if (int foreign = DropForeign(client, store); foreign > 0) {
+      LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
+                client->pushStorePath, foreign, foreign == 1 ? "" : "es");
+      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
+        onDropped(client, client->callbackParameter, nullptr, foreign, DAXO_PushDrop_OtherIdentity);
+    }
+    if (opened.movedAside) {
+      LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);
+      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
+        onDropped(client, client->callbackParameter, nullptr, 0, DAXO_PushDrop_StoreCorrupt);
+    }
+    if (store->count > 0)
+      LogFormat(client, "Push store %s: %zu push%s kept from before", client->pushStorePath,
+                store->count, store->count == 1 ? "" : "es");
+  }
+  pthread_mutex_init(&store->mutex, nullptr);
+  PushStoreTag* none = nullptr;
+  if (!__atomic_compare_exchange_n(&client->pushStore, &none, store, false, __ATOMIC_ACQ_REL,
+                                   __ATOMIC_ACQUIRE)) {
+    // Another DAXO_Connect opened it meanwhile.
+    FreeKept(store);
+    pthread_mutex_destroy(&store->mutex);
+    delete store;
+  }
+  return DAXO_Error_Success;
+}
+
+DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topic,
+                     const char* payload) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return DAXO_Error_NoConnectionToServer;  // before DAXO_Connect
+  // A topic the transport refuses would stay at the head of the store for
+  // ever, and a sensor id with levels of its own would never be matched by
+  // its answer.
+  if (strchr(sensorId, '/') != nullptr || mosquitto_pub_topic_check(topic) != MOSQ_ERR_SUCCESS)
+    return DAXO_Error_InvalidArguments;
+  KeptPush* push = NewKeptPush(sensorId, strlen(sensorId), topic, strlen(topic), payload,
+                               static_cast<int>(strlen(payload)));
+  if (push == nullptr) return DAXO_Error_NoMemory;
+  DropReport report;
+  DAXO_Error err;
+  {
+    MutexLock lock(&store->mutex);
+    err = Keep(store, push, &report);
+    if (err == DAXO_Error_Success) Pump(client, store);
+  }
+  if (err != DAXO_Error_Success) {
+    free(push);
+    if (err == DAXO_Error_PushStoreFull)
+      LogFormat(client, "Push store full (%d bytes): push to sensor %s refused",
+                client->pushStoreMaxBytes, sensorId);
+    return err;
+  }
+  Report(client, report, DAXO_PushDrop_StoreFull);
+  LogPayload(client, "PushKept", nullptr, payload);
+  return DAXO_Error_Success;
+}
+
+bool StoreAnswered(DAXO_Client* client, const char* sensorId) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return true;
+  bool deliver = false, matched = false;
+  {
+    MutexLock lock(&store->mutex);
+    KeptPush* prev = nullptr;
+    for (KeptPush* p = store->head; p != nullptr; prev = p, p = p->next) {
+      if (strcmp(p->sensorId, sensorId) != 0) continue;
+      matched = true;
+      deliver = !p->dropped;
+      if (deliver) DeleteRow(store, p);
+      Unlink(store, prev, p);
+      free(p);
+      break;
+    }
+    Pump(client, store);
+  }
+  if (!matched)
+    LogFormat(client, "Push store: an answer for sensor %s matches no kept push", sensorId);
+  return deliver;
+}
+
+bool StoreCheckAnswered(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return false;
+  MutexLock lock(&store->mutex);
+  if (store->checksOut == 0) return false;
+  store->checksOut--;
+  if (!store->ready) {
+    // The agent handles messages in order: what it had not answered before
+    // this check never reached it.
+    store->ready = true;
+    Rewind(store);
+    Pump(client, store);
+  }
+  return true;
+}
+
+void StoreOnline(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return;
+  MutexLock lock(&store->mutex);
+  store->online = true;
+  store->ready = false;
+  // What was sent on the last connection stays marked sent: its answers
+  // may still come, until the check is answered.
+  store->checksOut = 0;
+  SendCheck(client, store);
+}
+
+void StoreOffline(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return;
+  MutexLock lock(&store->mutex);
+  store->online = false;
+  store->ready = false;
+}
+
+void SuperviseStore(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return;
+  bool quiet = false;
+  {
+    MutexLock lock(&store->mutex);
+    if (!store->online) return;
+    Pump(client, store);  // what the transport could not take before
+    long long now = NowMs();
+    if (store->ready) {
+      const KeptPush* oldest = store->head;
+      while (oldest != nullptr && oldest != store->unsent && oldest->sentMs == 0)
+        oldest = oldest->next;
+      if (oldest == nullptr || oldest->sentMs == 0 || now - oldest->sentMs < kQuietMs) return;
+      store->ready = false;
+      quiet = true;
+      SendCheck(client, store);
+    } else if (store->checksOut == 0 || now - store->checkSentMs >= kCheckRetryMs) {
+      store->checksOut = 0;
+      SendCheck(client, store);
+    }
+  }
+  if (quiet)
+    LogFormat(client, "Push store: pushes unanswered for %lld s; checking the agent hears",
+              kQuietMs / 1000);
+}
+
+size_t StoredPushCount(const DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return 0;
+  MutexLock lock(&store->mutex);
+  return store->count;
+}
+
+void DropMemoryStore(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr || store->db) return;
+  DropReport report;
+  size_t unreported = 0;
+  {
+    MutexLock lock(&store->mutex);
+    if (DropOldest(store, store->count, &report) != DAXO_Error_Success) {
+      // Without memory for the report the pushes still go, logged as one run.
+      unreported = store->count;
+      FreeKept(store);
+      store->count = store->bytes = 0;
+      store->inFlight = 0;
+    }
+  }
+  if (unreported != 0)
+    LogFormat(client, "Push store: %zu pushes dropped (the client ended)", unreported);
+  Report(client, report, DAXO_PushDrop_ClientEnded);
+}
+
+void ClosePushStore(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  if (store == nullptr) return;
+  DropMemoryStore(client);
+  __atomic_store_n(&client->pushStore, nullptr, __ATOMIC_RELEASE);
+  FreeKept(store);
+  pthread_mutex_destroy(&store->mutex);
+  delete store;
+}
+
+}  // namespace daxo

@@ -1,0 +1,71 @@
+// The push store's layout, shared by its logic (push_store.cpp) and its
+// database (push_store_db.cpp).
+#ifndef DAXO_PUSH_STORE_H
+#define DAXO_PUSH_STORE_H
+
+#include <pthread.h>
+#include <sqlite3.h>
+
+#include <cstddef>
+#include <memory>
+
+#include "c_handles.h"
+#include "daxo_internal.h"
+
+// One push waiting for its answer, in one allocation with its texts.
+struct KeptPush {
+  KeptPush* next;
+  sqlite3_int64 row;  // its row in the database; 0 in a memory store
+  long long sentMs;   // when it was handed to the connection; 0: not on this connection
+  size_t bytes;       // counted against the bound; 0 once dropped
+  bool dropped;       // dropped while its answer was awaited: the answer is still matched
+  char* sensorId;
+  char* topic;
+  char* payload;
+  int length;
+};
+
+struct PushStoreTag {
+  pthread_mutex_t mutex;     // guards everything below
+  KeptPush* head = nullptr;  // oldest first
+  KeptPush* tail = nullptr;
+  KeptPush* unsent = nullptr;  // first one not handed to this connection; those after it neither
+  size_t count = 0;            // kept and not dropped
+  size_t bytes = 0;
+  size_t maxBytes = 0;
+  int policy = PushStoreDropOldest;
+  int inFlight = 0;     // handed to this connection and not answered
+  bool online = false;  // the client's topics are subscribed on a connection
+  bool ready = false;   // the agent answered a connection check on it: pushes may go
+  int checksOut = 0;    // the library's connection checks not answered yet
+  long long checkSentMs = 0;
+  // A persistent store; members in this order so that the statements are
+  // finalised before the database closes.
+  daxo::SqlitePtr db;  // null: a memory store
+  daxo::SqliteStmtPtr insert, remove;
+};
+
+namespace daxo {
+
+// The database side; each is called with the store's mutex held, or
+// before the store is shared. Failures are logged by the caller.
+struct DbOpen {
+  DAXO_Error err;
+  bool movedAside;  // a corrupt file was renamed and a fresh one started
+  char why[256];
+};
+DbOpen OpenDatabase(const DAXO_Client* client, PushStoreTag* store) noexcept;
+// Loads the rows into the store's list, oldest first.
+DAXO_Error LoadRows(PushStoreTag* store) noexcept;
+// Writes a push, setting its row; the transaction is committed on return.
+DAXO_Error InsertRow(PushStoreTag* store, KeptPush* push) noexcept;
+void DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept;
+
+// A push of that size in one block; null when memory runs out.
+KeptPush* NewKeptPush(const char* sensorId, size_t sensorLength, const char* topic,
+                      size_t topicLength, const char* payload, int length) noexcept;
+void AppendKept(PushStoreTag* store, KeptPush* push) noexcept;
+
+}  // namespace daxo
+
+#endif
