@@ -58,6 +58,7 @@ extern "C" void* CertificateCheckingThread(void* param) noexcept {
     }
     char* content = nullptr;
     while (int task = TakeRenewalTask(client, &content)) daxo::RunRenewalTask(client, task, content);
+    daxo::SuperviseRenewalTrial(client);
     daxo::SuperviseConnections(client);
     __atomic_add_fetch(&client->ownerPasses, 1, __ATOMIC_RELEASE);
   }
