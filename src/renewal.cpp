@@ -267,7 +267,12 @@ DAXO_Error InstallAuthority(DAXO_Client* client, const char* pem) noexcept {
 }
 
 // With ownerMutex held: the files a failed trial replaced.
-void PutBackOldFiles(DAXO_Client* client, int task) noexcept {
+void PutBackOldFiles(DAXO_Client* client, int task, DAXO_Error why) noexcept {
+  daxo::LogFormat(client,
+                  "Renewal: the new %s did not bring the connection up (%s); the old one is put "
+                  "back",
+                  task == RenewalTaskAuthority ? "certificate authority" : "client certificate",
+                  DAXO_ErrorName(why));
   const char* oldCert = client->renewalOldCert;
   if (task == RenewalTaskClientCertificate && client->renewalOldKey != nullptr &&
       oldCert != nullptr)
@@ -309,7 +314,7 @@ DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopp
   if (err != DAXO_Error_Success) {
     daxo::Store(client->renewalTrial, RenewalTrialNone);
     RestoreApplicationCallbacks(client);
-    PutBackOldFiles(client, task);
+    PutBackOldFiles(client, task, err);
   }
   return err;
 }
@@ -364,15 +369,9 @@ void SuperviseRenewalTrial(DAXO_Client* client) noexcept {
                                      __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
       return;
     bool wanted = Load(client->polling);
-    LogFormat(client,
-              "Renewal: the new %s did not bring the connection up (%s); the old one is "
-              "put back",
-              client->renewalTrialTask == RenewalTaskAuthority ? "certificate authority"
-                                                               : "client certificate",
-              DAXO_ErrorName(outcome));
     RestoreApplicationCallbacks(client);
     DisconnectMain(client);
-    PutBackOldFiles(client, client->renewalTrialTask);
+    PutBackOldFiles(client, client->renewalTrialTask, outcome);
     if (wanted) reconnect = ConnectNow(client, nullptr);
   }
   CallOnCertificateRenewCallback(client, outcome);
