@@ -56,9 +56,10 @@ extern "C" void* CertificateCheckingThread(void* param) noexcept {
       if (!daxo::Load(client->dailyChecksOff)) CheckCertificatesExpirationDates(client);
       passDue = time(nullptr) + kCheckPeriodSeconds;
     }
+    // A trial that has ended is settled before new renewal work is taken.
+    daxo::SuperviseRenewalTrial(client);
     char* content = nullptr;
     while (int task = TakeRenewalTask(client, &content)) daxo::RunRenewalTask(client, task, content);
-    daxo::SuperviseRenewalTrial(client);
     daxo::SuperviseConnections(client);
     __atomic_add_fetch(&client->ownerPasses, 1, __ATOMIC_RELEASE);
   }

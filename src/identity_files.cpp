@@ -63,36 +63,31 @@ void SyncFolderOf(const char* path) noexcept {
 }
 
 // The mode and owner the new file takes: a key is private whatever its
-// folder allows; anything else keeps what the file it replaces had.
+// folder allows; anything else keeps what the file it replaces had, or
+// takes 0644 under the umask (never changed here: other threads create
+// files too).
 struct Ownership {
+  bool keep = false;
   mode_t mode = 0644;
   uid_t uid = static_cast<uid_t>(-1);
   gid_t gid = static_cast<gid_t>(-1);
 };
 
 Ownership OwnershipFor(const char* path, bool secret) noexcept {
-  Ownership owner;
   struct stat st;
-  if (secret) {
-    owner.mode = 0600;
-  } else if (stat(path, &st) == 0) {
-    owner = {static_cast<mode_t>(st.st_mode & 07777), st.st_uid, st.st_gid};
-  } else {
-    mode_t mask = umask(0);
-    umask(mask);
-    owner.mode = 0644 & ~mask;
-  }
-  return owner;
+  if (secret) return {true, 0600};
+  if (stat(path, &st) != 0) return {};
+  return {true, static_cast<mode_t>(st.st_mode & 07777), st.st_uid, st.st_gid};
 }
 
 int WriteTemporary(const char* temporary, const char* content, size_t length,
                    const Ownership& owner) noexcept {
   unlink(temporary);  // left by a write that was cut short
-  int fd = open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  int fd = open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, owner.keep ? 0600 : 0644);
   if (fd < 0) return errno;
   Step("write");
   int rc = WriteAll(fd, content, length);
-  if (rc == 0 && fchmod(fd, owner.mode) != 0) rc = errno;
+  if (rc == 0 && owner.keep && fchmod(fd, owner.mode) != 0) rc = errno;
   if (rc == 0 && owner.uid != static_cast<uid_t>(-1)) (void)!fchown(fd, owner.uid, owner.gid);
   if (rc == 0 && fsync(fd) != 0) rc = errno;
   if (close(fd) != 0 && rc == 0) rc = errno;

@@ -224,8 +224,8 @@ void KeepOld(DAXO_Client* client, char* key, char* cert) noexcept {
 
 // With ownerMutex held. The files the new connection is to use, checked
 // first; the old ones are kept in memory until that connection proves the
-// new ones. DAXO_Error_Busy: nothing to change.
-DAXO_Error InstallClientCertificate(DAXO_Client* client, const char* cert) noexcept {
+// new ones. *changed tells whether anything was written.
+DAXO_Error InstallClientCertificate(DAXO_Client* client, const char* cert, bool* changed) noexcept {
   size_t length = strlen(cert);
   if (const char* why =
           CheckCertificateForKey(cert, length, client->newKeyContent, client->clientId))
@@ -244,25 +244,27 @@ DAXO_Error InstallClientCertificate(DAXO_Client* client, const char* cert) noexc
     return DAXO_Error_WritingToCertificateFile;
   DropRenewal(client);
   KeepOld(client, oldKey.release(), oldCert.release());
+  *changed = true;
   return DAXO_Error_Success;
 }
 
-DAXO_Error InstallAuthority(DAXO_Client* client, const char* pem) noexcept {
+DAXO_Error InstallAuthority(DAXO_Client* client, const char* pem, bool* changed) noexcept {
   if (strcmp(client->caFile, daxo::kAgentAuthorityFile) == 0) {
     daxo::LogFormat(client,
                     "Renewal: %s is the agent's own authority file; it is left to the agent",
                     client->caFile);
-    return DAXO_Error_Busy;
+    return DAXO_Error_Success;
   }
   if (const char* why = CheckAuthorityCertificate(pem, strlen(pem)))
     return Refuse(client, "certificate authority", why);
   CStr bundle(AuthorityBundle(pem, client->caFile));
   if (!bundle) return DAXO_Error_NoMemory;
   CStr old(GetFileContent(client->caFile));
-  if (old && strcmp(old.get(), bundle.get()) == 0) return DAXO_Error_Busy;
+  if (old && strcmp(old.get(), bundle.get()) == 0) return DAXO_Error_Success;
   if (daxo::WriteDurably(client, client->caFile, bundle.get(), strlen(bundle.get()), false) != 0)
     return DAXO_Error_WritingToCertificateFile;
   KeepOld(client, nullptr, old.release());
+  *changed = true;
   return DAXO_Error_Success;
 }
 
@@ -290,9 +292,16 @@ DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopp
   // left alone.
   if (task == RenewalTaskClientCertificate && client->newKeyContent == nullptr)
     return DAXO_Error_WritingToCertificateFile;
-  DAXO_Error err = task == RenewalTaskClientCertificate ? InstallClientCertificate(client, content)
-                                                        : InstallAuthority(client, content);
-  if (err != DAXO_Error_Success) return err;
+  // The old files of a trial still running are all there is to go back to.
+  if (daxo::Load(client->renewalTrial) != RenewalTrialNone) {
+    daxo::LogFormat(client, "Renewal: another renewal is still being tried; this one is dropped");
+    return DAXO_Error_Busy;
+  }
+  bool changed = false;
+  DAXO_Error err = task == RenewalTaskClientCertificate
+                       ? InstallClientCertificate(client, content, &changed)
+                       : InstallAuthority(client, content, &changed);
+  if (err != DAXO_Error_Success || !changed) return err;
   *stopped = true;
   // The application does not hear of the disconnection a new client
   // certificate needs; its OnDisconnect returns with the new connection.
@@ -343,8 +352,10 @@ void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept {
     MutexLock lock(&client->ownerMutex);
     err = Renew(client, task, content, &stopped);
   }
-  if (err == DAXO_Error_Success) return;
-  CallOnCertificateRenewCallback(client, err == DAXO_Error_Busy ? DAXO_Error_Success : err);
+  // A reconnection reports the outcome; without one, it is known now.
+  if (err == DAXO_Error_Success && stopped) return;
+  if (err == DAXO_Error_Success && task == RenewalTaskRequest) return;
+  CallOnCertificateRenewCallback(client, err);
   // A renewal that stopped the connection and could not make a new one:
   // the application hears why, and the watch thread keeps trying with what
   // the folder holds.
