@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
-#include <sstream>
 #include <string>
 
 #include "../support/test_certificates.h"
@@ -23,17 +22,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string ReadFile(const std::filesystem::path& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
-
-std::string JsonText(const std::string& text) {
-  std::string out;
-  for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
-  return out;
-}
+using testcert::ReadFile;
 
 // The agent's side of the broker, scripted by the test: it hears the
 // client's renewal requests and answers what it is told to.
@@ -129,13 +118,8 @@ TEST_F(LibraryTest, ABrokenRenewalAnswerChangesNothing) {
   c->OnCertificateRenew = OnRenewal;
   for (const auto& k : cases) {
     SCOPED_TRACE(k.refusal);
-    bool client = k.certificate != nullptr;
-    std::string answer = R"({"providedExpiresAt":"20000101T000000","certificateType":")";
-    answer += client ? "client certificate\"}"
-                     : R"(certificate authority","validity":"new one available","newCa":")" +
-                           JsonText(k.authority) + "\"}";
-    agent.Send(tree + "/checkExpireDate/inbox", answer);
-    if (client) agent.Send(tree + "/renewCertificate/inbox", k.certificate(agent.Request()));
+    agent.Send(tree + "/checkExpireDate/inbox", testcert::ExpiringAnswer(k.authority));
+    if (k.certificate) agent.Send(tree + "/renewCertificate/inbox", k.certificate(agent.Request()));
     if (k.refusal.empty()) {
       EXPECT_EQ(c.Code("renewal"), DAXO_Error_ClientCertificateRefused);
       EXPECT_TRUE(c.WaitForLog("the old one is put back"));

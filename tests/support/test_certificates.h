@@ -10,6 +10,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -97,6 +99,22 @@ inline std::string IssuedFor(const std::string& requestPem, const std::string& c
 inline std::string Authority(const std::string& cn, long to = 3600) {
   Key key(EVP_EC_gen("P-256"));
   return Issue(key.get(), cn, key.get(), cn, true, 0, to);
+}
+
+// The whole content of a file; "" when it cannot be read.
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The agent's expiry answer that makes a client renew: its certificate, or,
+// with newCa, its authority for newCa (any text, escaped for JSON here).
+inline std::string ExpiringAnswer(const std::string& newCa = "") {
+  std::string answer = R"({"providedExpiresAt":"20000101T000000","certificateType":")";
+  if (newCa.empty()) return answer + "client certificate\"}";
+  answer += R"(certificate authority","validity":"new one available","newCa":")";
+  for (char c : newCa) answer += c == '\n' ? std::string("\\n") : std::string(1, c);
+  return answer + "\"}";
 }
 
 // Lowercase hex SHA-256 of text.

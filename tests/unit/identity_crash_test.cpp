@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "client_fixture.h"
@@ -27,28 +26,16 @@ using Clock = std::chrono::steady_clock;
 
 int stepsLeft = 0;
 
-std::string Read(const fs::path& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
-
-std::string Json(const std::string& text) {
-  std::string out;
-  for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
-  return out;
-}
-
 class IdentityCrashTest : public FakeClientTest {
  protected:
   enum Exchange { kProvisioning, kRenewal, kAuthority };
 
   // In the child: a client of its own (the fixture's belongs to threads
   // that do not exist here) that runs the exchange to its end.
-  static int RunExchange(const std::string& conf, Exchange exchange) {
+  int RunExchange(Exchange exchange) {
     DAXO_Error err;
-    DAXO_Client* c =
-        NewClientInternal(conf.c_str(), nullptr, &err, FakeMqtt::Create, FakeMqtt::Destroy);
+    DAXO_Client* c = client =
+        NewClientInternal(conf.c_str(), this, &err, FakeMqtt::Create, FakeMqtt::Destroy);
     if (c == nullptr) return 2;
     if (exchange == kProvisioning) {
       if (DAXO_ProvisionClient(c) != DAXO_Error_Success) return 3;
@@ -65,31 +52,17 @@ class IdentityCrashTest : public FakeClientTest {
     FakeMqtt& fake = *FakeMqtt::Last();
     fake.FireConnect(0);
     fake.FireSubscribe(fake.subscribes.back().mid);
-    std::string answer = R"({"providedExpiresAt":"20000101T000000","certificateType":")";
     if (exchange == kRenewal) {
-      fake.Deliver("/v1.0/client-1/checkExpireDate/inbox", answer + "client certificate\"}");
-      if (!Settle(c)) return 6;
+      fake.Deliver("/v1.0/client-1/checkExpireDate/inbox", testcert::ExpiringAnswer());
+      Settle();
       fake.Deliver("/v1.0/client-1/renewCertificate/inbox",
                    testcert::IssuedFor(fake.publishes.back().payload, "client-1"));
     } else {
       fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
-                   answer + R"(certificate authority","validity":"new one available","newCa":")" +
-                       Json(testcert::Authority("new")) + "\"}");
+                   testcert::ExpiringAnswer(testcert::Authority("new")));
     }
-    return Settle(c) ? 0 : 7;
-  }
-
-  static bool Settle(DAXO_Client* c) {
-    int start = __atomic_load_n(&c->ownerPasses, __ATOMIC_ACQUIRE);
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (__atomic_load_n(&c->ownerPasses, __ATOMIC_ACQUIRE) < start + 2) {
-      if (Clock::now() > deadline) return false;
-      pthread_mutex_lock(&c->certCheckThreadMutex);
-      pthread_cond_broadcast(&c->certCheckThreadCondition);
-      pthread_mutex_unlock(&c->certCheckThreadMutex);
-      std::this_thread::yield();
-    }
-    return true;
+    Settle();
+    return HasFatalFailure() ? 6 : 0;
   }
 
   void Prepare(Exchange exchange) {
@@ -111,7 +84,7 @@ class IdentityCrashTest : public FakeClientTest {
       IdentityStepHook = [](const char*) {
         if (--stepsLeft == 0) raise(SIGKILL);
       };
-      _exit(RunExchange(conf, exchange));
+      _exit(RunExchange(exchange));
     }
     if (after.count() > 0) {
       std::this_thread::sleep_for(after);  // the fault's timing, not a wait for an event
@@ -131,8 +104,9 @@ class IdentityCrashTest : public FakeClientTest {
     DAXO_Error provisioned = DAXO_ProvisionClient(fresh);
     std::string id = DAXO_GetClientId(fresh) != nullptr ? DAXO_GetClientId(fresh) : "";
     DAXO_DeleteClient(fresh);
-    std::string key = Read(dir / "certs/priv_key.key"), cert = Read(dir / "certs/cert.crt");
-    std::string ca = Read(client->caFile);
+    std::string key = testcert::ReadFile(dir / "certs/priv_key.key");
+    std::string cert = testcert::ReadFile(dir / "certs/cert.crt");
+    std::string ca = testcert::ReadFile(client->caFile);
     if (const char* why = CheckAuthorityCertificate(ca.data(), ca.size()))
       return std::string("authority: ") + why;
     if (exchange == kProvisioning && provisioned == DAXO_Error_Success)

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "client_fixture.h"
 #include "test_certificates.h"
@@ -16,18 +15,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string Read(const fs::path& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
-
-std::string Json(const std::string& text) {
-  std::string out;
-  for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
-  return out;
-}
 
 class StorageFaultsTest : public FakeClientTest {
  protected:
@@ -70,7 +57,8 @@ class StorageFaultsTest : public FakeClientTest {
   }
 
   std::string Files() {
-    return Read(dir / "certs/priv_key.key") + Read(dir / "certs/cert.crt") + Read(client->caFile);
+    return testcert::ReadFile(dir / "certs/priv_key.key") +
+           testcert::ReadFile(dir / "certs/cert.crt") + testcert::ReadFile(client->caFile);
   }
 
   testcert::Identity identity = testcert::MakeIdentity("client-1");
@@ -101,13 +89,9 @@ TEST_F(StorageFaultsTest, AFullOrReadOnlyFolderKeepsTheWorkingIdentity) {
     FakeMqtt& fake = Connected();
     std::string before = Files();
     Block(c.full);
-    std::string answer = R"({"providedExpiresAt":"20000101T000000","certificateType":")";
-    if (c.authority) {
-      fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
-                   answer + R"(certificate authority","validity":"new one available","newCa":")" +
-                       Json(testcert::Authority("new")) + "\"}");
-    } else {
-      fake.Deliver("/v1.0/client-1/checkExpireDate/inbox", answer + "client certificate\"}");
+    fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
+                 testcert::ExpiringAnswer(c.authority ? testcert::Authority("new") : ""));
+    if (!c.authority) {
       Settle();
       fake.Deliver("/v1.0/client-1/renewCertificate/inbox",
                    testcert::IssuedFor(fake.publishes.back().payload, "client-1"));
