@@ -123,6 +123,9 @@ class IdentityCrashTest : public FakeClientTest {
 };
 
 TEST_F(IdentityCrashTest, EveryInterruptedExchangeLeavesAUsableIdentity) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer cannot start threads in a child of a threaded process";
+#endif
   const char* names[] = {"provisioning", "renewal", "authority"};
   const char* runsText = getenv("DAXO_CRASH_RUNS");
   int randomRuns = runsText != nullptr ? atoi(runsText) : 0;
