@@ -56,6 +56,8 @@ extern "C" void* CertificateCheckingThread(void* param) noexcept {
       if (!daxo::Load(client->dailyChecksOff)) CheckCertificatesExpirationDates(client);
       passDue = time(nullptr) + kCheckPeriodSeconds;
     }
+    // A trial that has ended is settled before new renewal work is taken.
+    daxo::SuperviseRenewalTrial(client);
     char* content = nullptr;
     while (int task = TakeRenewalTask(client, &content)) daxo::RunRenewalTask(client, task, content);
     daxo::SuperviseConnections(client);

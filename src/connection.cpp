@@ -211,6 +211,10 @@ DAXO_Error PublishOn(MosquittoInterface* mi, const char* topic, const char* mess
 }
 
 DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept {
+  // A broken or expired identity is named here: TLS would only say that the
+  // broker refused it.
+  RecoverIdentity(client);
+  if (DAXO_Error err = CheckStoredIdentity(client); err != DAXO_Error_Success) return err;
   ReleaseProvisioning(client);
   ReleaseMain(client);
   errno = 0;

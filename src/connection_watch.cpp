@@ -122,6 +122,9 @@ DAXO_Error SuperviseMain(DAXO_Client* client) noexcept {
   // The attempt first: a connection that has just failed names its reason.
   daxo::Endpoint at = daxo::MainEndpoint(client);
   SuperviseAttempt(at, client->mosq);
+  // A renewal's trial answers for its own connection: a failure puts the
+  // old files back rather than reaching OnDisconnect.
+  if (daxo::Load(client->renewalTrial) != RenewalTrialNone) return DAXO_Error_Success;
   if (!DownFor(watch, kReportMs) || !OutageToReport(client)) return DAXO_Error_Success;
   return daxo::OutageReason(at, kReportMs);
 }
@@ -210,6 +213,7 @@ void SuperviseConnections(DAXO_Client* client) noexcept {
 
 bool NeedsSupervision(const DAXO_Client* client) noexcept {
   return Load(client->polling) || Load(client->provisionLoopStarted) || Load(client->wantMain) ||
+         Load(client->renewalTrial) != RenewalTrialNone ||
          __atomic_load_n(&client->provisionDeadlineMs, __ATOMIC_ACQUIRE) != 0;
 }
 

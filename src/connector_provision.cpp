@@ -54,27 +54,6 @@ bool EnsureCertFolder(DAXO_Client* client) noexcept {
   return false;
 }
 
-int WriteWholeFile(DAXO_Client* client, const char* path, const char* content,
-                   int contentLen) noexcept {
-  // O_CLOEXEC: the key's descriptor must not leak into a child the application forks.
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    daxo::LogFormat(client,
-                    "WriteCertificateFile failed. Could not open file \"%s\" for writing. errno %d",
-                    path, errno);
-    return 0;
-  }
-  ssize_t written = write(fd, content, static_cast<size_t>(contentLen));
-  int writeErrno = errno;
-  close(fd);
-  if (written < 0) {
-    daxo::LogFormat(client, "WriteCertificateFile failed. Could not write in file \"%s\", errno %d",
-                    path, writeErrno);
-    return 0;
-  }
-  return 1;
-}
-
 // certFolder/fileName, formed without allocating: deprovisioning completes
 // in a publish handler that cannot report a failure, so forming the paths of
 // the files it removes must not depend on memory being available.
@@ -120,7 +99,9 @@ extern "C" int WriteCertificateFile(DAXO_Client* client, const char* fileName, c
   if (!EnsureCertFolder(client)) return 0;
   daxo::CStr path = daxo::Format("%s/%s", client->certFolder, fileName);
   if (path == nullptr) return 0;
-  return WriteWholeFile(client, path.get(), content, contentLen);
+  bool secret = strcmp(fileName, kKeyFileName) == 0;
+  return daxo::WriteDurably(client, path.get(), content, static_cast<size_t>(contentLen), secret) ==
+         0;
 }
 
 extern "C" int CheckCertificates(DAXO_Client* client) noexcept {
@@ -128,8 +109,8 @@ extern "C" int CheckCertificates(DAXO_Client* client) noexcept {
   struct stat st;
   if (stat(client->certFolder, &st) != 0) return 0;
   if (access(client->caFile, F_OK) != 0) return 0;
-  int key = FolderFileExists(client, kKeyFileName,
-                             "CheckCertificates: Failed to create key file path");
+  int key =
+      FolderFileExists(client, kKeyFileName, "CheckCertificates: Failed to create key file path");
   if (key <= 0) return key;
   return FolderFileExists(client, kCertFileName,
                           "CheckCertificates: Failed to create certificate file path");
@@ -187,9 +168,18 @@ void ConnectCallback(struct mosquitto* mosq, void* obj, int result) noexcept {
   if (DAXO_Error err = SendRequest(client); err != DAXO_Error_Success) Deliver(client, err);
 }
 
+// The certificate is installed only once it is known to match the pending
+// key: a broken answer must not cost the key that is waiting for a good one.
 DAXO_Error StoreCertificate(DAXO_Client* client, const mosquitto_message* message) noexcept {
-  if (!WriteCertificateFile(client, daxo::kCertFileName, static_cast<const char*>(message->payload),
-                            message->payloadlen)) {
+  auto* pem = static_cast<const char*>(message->payload);
+  auto length = static_cast<size_t>(message->payloadlen);
+  daxo::SecretStr key(daxo::ReadPendingKey(client));
+  if (const char* why = CheckCertificateForKey(pem, length, key.get(), nullptr)) {
+    daxo::LogFormat(client,
+                    "ProcessCertBack: the certificate cannot be used (%s); nothing is stored", why);
+    return DAXO_Error_WrongReply;
+  }
+  if (!daxo::InstallIdentity(client, nullptr, pem, length)) {
     LogMessage(client, "ProcessCertBack: WriteCertificateFile failed");
     return DAXO_Error_CreateCertificate;
   }
@@ -247,8 +237,8 @@ void ProvisionLogCallback(struct mosquitto* mosq, void* obj, int level, const ch
   errno = e;
 }
 
-// Makes the key and request of a new exchange and stores the key; on
-// success the client holds the request and its digest.
+// Makes the key and request of a new exchange and stores the key as
+// pending; on success the client holds the request and its digest.
 DAXO_Error PrepareRequest(DAXO_Client* client) noexcept {
   const char* name = client->clientName != nullptr ? client->clientName : kDefaultCommonName;
   char* request = nullptr;
@@ -269,7 +259,7 @@ DAXO_Error PrepareRequest(DAXO_Client* client) noexcept {
   }
   client->provisionCert = requestOwner.release();
   client->provisionCertLen = static_cast<int>(requestLen);
-  if (!WriteCertificateFile(client, daxo::kKeyFileName, key.get(), static_cast<int>(strlen(key.get())))) {
+  if (!daxo::WritePendingKey(client, key.get())) {
     FreeProvisionData(client);
     return DAXO_Error_CreatePrivateKey;
   }
@@ -319,7 +309,8 @@ bool EndExchange(DAXO_Client* client) noexcept {
 
 }  // namespace
 
-extern "C" void ProcessCertBack(DAXO_Client* client, const struct mosquitto_message* message) noexcept {
+extern "C" void ProcessCertBack(DAXO_Client* client,
+                                const struct mosquitto_message* message) noexcept {
   if (!EndExchange(client)) return LogMessage(client, "ProcessCertBack: the exchange has ended");
   FreeProvisionData(client);
   Deliver(client, StoreCertificate(client, message));
@@ -372,7 +363,7 @@ extern "C" DAXO_Error ProvisionClient(DAXO_Client* client, MosquittoInterface* m
   __atomic_store_n(&client->provisionDeadlineMs, daxo::NowMs() + client->provisionTimeoutMs,
                    __ATOMIC_RELEASE);
   DAXO_Error err = daxo::Load(client->provisionLoopStarted) ? ResendRequest(client)
-                                                             : StartProvisioning(client, mosquitto);
+                                                            : StartProvisioning(client, mosquitto);
   if (err != DAXO_Error_Success) {
     __atomic_store_n(&client->provisionDeadlineMs, 0, __ATOMIC_RELEASE);
     FreeProvisionData(client);

@@ -72,6 +72,11 @@ DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) noexcept {
   return daxo::Deprovision(client);
 }
 
+DAXO_Error DAXO_ResetIdentity(DAXO_Client* client) noexcept {
+  if (client == nullptr || daxo::OnLibraryThread()) return DAXO_Error_InvalidArguments;
+  return daxo::ResetClientIdentity(client);
+}
+
 DAXO_Error DAXO_CreateSensor(DAXO_Client* client, const char* name) noexcept {
   if (!Provisioned(client) || name == nullptr) return DAXO_Error_InvalidArguments;
   return daxo::CreateSensor(client, name);

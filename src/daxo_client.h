@@ -103,12 +103,16 @@ typedef enum DAXO_ErrorTag {
   DAXO_Error_ConnectionTimeout = 42,
   DAXO_Error_BrokerCertificateRefused = 43,
   DAXO_Error_ClientCertificateRefused = 44,
+  /* The client certificate in the certificate folder is past its end of
+   * validity: no broker will accept it. DAXO_ResetIdentity and a new
+   * DAXO_ProvisionClient give the client a new one. */
+  DAXO_Error_ClientCertificateExpired = 45,
   /* The push store (PushStore in the configuration) is full and its policy
    * is "refuse"; or one push is larger than the whole store. */
-  DAXO_Error_PushStoreFull = 50,
+  DAXO_Error_PushStoreFull = 46,
   /* The persistent push store cannot be opened, read or written (its
    * folder is not writable, the disk is full); the log names the reason. */
-  DAXO_Error_PushStoreUnusable = 51
+  DAXO_Error_PushStoreUnusable = 47
 } DAXO_Error;
 
 /* The agent's verdict on a request, passed to reply callbacks. The numbers
@@ -555,13 +559,23 @@ DAXO_EXPORT DAXO_Error DAXO_PushDroppedCallbackSet(DAXO_Client* client,
  * provisioning connections use the MQTT identifier "myid": processes that
  * provision at the same time on one broker take it from each other.
  *
+ * An identity in the certificate folder that cannot be used is never
+ * replaced: key and certificate that exist but are empty, unreadable or do
+ * not match give DAXO_Error_WrongCertificateFile, an expired certificate
+ * DAXO_Error_ClientCertificateExpired, and a "cert.crt" whose authority
+ * file (CaFile) is missing DAXO_Error_TlsSetFailed (its key missing:
+ * DAXO_Error_WrongCertificateFile), each with a line naming the file.
+ * DAXO_ResetIdentity then lets the client provision again.
+ *
  * Other results: DAXO_Error_InvalidArguments, DAXO_Error_NoMemory,
  * DAXO_Error_GetClientId, DAXO_Error_CreateProvisionCertificate,
  * DAXO_Error_CreatePrivateKey, DAXO_Error_TlsSetFailed,
  * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
  * DAXO_Error_Unknown, and the reasons of DAXO_Connect when the connection
  * fails inside the call. Outcomes: DAXO_Error_Success, the broker's
- * refusal, DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
+ * refusal, DAXO_Error_WrongReply (a certificate that is not one or is not
+ * for the client's key: nothing is stored), DAXO_Error_CreateCertificate,
+ * DAXO_Error_CertifcateFolderPath,
  * DAXO_Error_ReadCertificateCN, DAXO_Error_NoBackendConnection,
  * DAXO_Error_CertificateRequest, DAXO_Error_ClientProvision, a reason the
  * connection never came up (see DAXO_OnDisconnect), DAXO_Error_Unknown. */
@@ -575,6 +589,18 @@ DAXO_EXPORT DAXO_Error DAXO_ProvisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
  * DAXO_Error_InvalidArguments for a null or unprovisioned client, or the
  * result of handing the request to the transport. */
 DAXO_EXPORT DAXO_Error DAXO_DeprovisionClient(DAXO_Client* client) DAXO_NOEXCEPT;
+
+/* DAXO_ResetIdentity removes the client's key and certificate from its
+ * certificate folder without asking the agent, so that a client whose
+ * identity is broken or expired can provision again; the authority file
+ * and the folder stay. The identifier DAXO_GetClientId returned is released
+ * and the client counts as not provisioned. Call it from an application
+ * thread while the client is neither connected nor provisioning: otherwise
+ * it returns DAXO_Error_Busy and changes nothing. Returns
+ * DAXO_Error_InvalidArguments for a null client or a call from a callback,
+ * DAXO_Error_RemoveCertificates (with a line naming the file) when a file
+ * cannot be removed, or DAXO_Error_Success. */
+DAXO_EXPORT DAXO_Error DAXO_ResetIdentity(DAXO_Client* client) DAXO_NOEXCEPT;
 
 /* ------------------------------------------------------------------------
  * Connection

@@ -131,6 +131,16 @@ struct DAXO_ClientTag {
   int renewalMutedOnDisconnect;  // OnDisconnect is held back for a renewal
   int dailyChecksOff;  // a deprovisioned client has nothing to check
 
+  // A renewal trying its new files on a new connection (renewal.cpp),
+  // owned by the holder of ownerMutex; the stand-in OnConnect only moves
+  // renewalTrial from trying to accepted or refused, once.
+  int renewalTrial;  // RenewalTrial
+  int renewalTrialTask;
+  int renewalTrialError;  // the refusal the stand-in heard
+  long long renewalTrialDeadlineMs;
+  char* renewalOldKey;   // what the trial replaced, put back if it fails
+  char* renewalOldCert;  // the old certificate, or the old authority
+
   // A provisioning exchange that has no answer by then reports a failure.
   long long provisionDeadlineMs;  // 0: no exchange pending
   long long provisionTimeoutMs;
@@ -146,6 +156,17 @@ struct DAXO_ClientTag {
 
 enum PushStorePolicy { PushStoreDropOldest = 0, PushStoreRefuse };
 enum PushStoreSync { PushStoreSyncNormal = 0, PushStoreSyncFull };
+
+enum RenewalTrial {
+  RenewalTrialNone = 0,
+  RenewalTrialTrying,
+  RenewalTrialAccepted,
+  RenewalTrialRefused
+};
+
+// How long a renewal's new connection may take to come up before the old
+// files are put back.
+#define DAXO_RENEWAL_TRIAL_MS 30000
 
 enum RenewalTask {
   RenewalTaskNone = 0,
@@ -357,8 +378,6 @@ DAXO_EXPORT int WillDateExpireInDays(const char* dateStr, const int days) DAXO_N
 DAXO_EXPORT int IsDateExpired(const struct tm* date) DAXO_NOEXCEPT;
 DAXO_EXPORT int ParseDatePartsFromString(const char* dateStr, size_t sizeOfPart,
                                          size_t from) DAXO_NOEXCEPT;
-DAXO_EXPORT DAXO_Error WriteToCertificateFile(const char* filePath,
-                                              const char* content) DAXO_NOEXCEPT;
 
 // Provisioning and the certificate store.
 DAXO_EXPORT DAXO_Error ProvisionClientInternal(DAXO_Client* client,
@@ -376,6 +395,9 @@ DAXO_EXPORT void FreeProvisionData(DAXO_Client* client) DAXO_NOEXCEPT;
 DAXO_EXPORT int WriteCertificateFile(DAXO_Client* client, const char* fileName,
                                      const char* content, int contentLen) DAXO_NOEXCEPT;
 DAXO_EXPORT int CheckCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
+// Called before each step that writes or renames a file of the identity, so
+// that tests can stop a process there; null otherwise.
+DAXO_EXPORT extern void (*IdentityStepHook)(const char* step);
 DAXO_EXPORT int DeleteCertificates(DAXO_Client* client) DAXO_NOEXCEPT;
 
 #ifdef __cplusplus
@@ -394,6 +416,10 @@ inline constexpr const char* kApiVersion = "v1.0";
 // The client's identity in its certificate folder.
 inline constexpr const char* kCertFileName = "cert.crt";
 inline constexpr const char* kKeyFileName = "priv_key.key";
+// The agent's own authority, which it looks after: the library never
+// writes it and leaves its expiry to the agent.
+inline constexpr const char* kAgentAuthorityFile =
+    "/var/lib/quellborne-iot-agent/certs/QuellborneAuthority.crt";
 
 // Formats a line and hands it to OnLog; nothing is formatted without OnLog,
 // and a line that cannot be formatted is dropped.
@@ -463,6 +489,8 @@ DAXO_Error ReportError(DAXO_Client* client, const char* codeMember, int error,
 
 // The body of DAXO_DeprovisionClient after its guard clauses.
 DAXO_Error Deprovision(DAXO_Client* client) noexcept;
+// The body of DAXO_ResetIdentity after its guard clauses.
+DAXO_Error ResetClientIdentity(DAXO_Client* client) noexcept;
 
 // The body of DAXO_CheckConnection after its guard clauses.
 DAXO_Error CheckConnection(DAXO_Client* client) noexcept;
@@ -577,6 +605,29 @@ DAXO_Error OutageReason(const Endpoint& at, long long waitedMs) noexcept;
 
 // Carries out a reconnection the renewal asked for; run by the owner.
 void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept;
+// Run by the owner each pass: commits a renewal whose new connection came
+// up, or puts the old files back when it was refused or took too long.
+void SuperviseRenewalTrial(DAXO_Client* client) noexcept;
+
+// The identity on disk (identity_files.cpp).
+// Replaces path with content (a key: mode 0600; anything else keeps the
+// mode of the file it replaces) so that it holds the old content or the
+// new whatever happens; 0 or the errno of the failed step, which is logged.
+int WriteDurably(DAXO_Client* client, const char* path, const char* content, size_t length,
+                 bool secret) noexcept;
+// The key of a first provisioning, kept pending until its certificate comes.
+bool WritePendingKey(DAXO_Client* client, const char* key) noexcept;
+char* ReadPendingKey(DAXO_Client* client) noexcept;
+// Installs a key (null: the pending one) and its certificate as a pair.
+bool InstallIdentity(DAXO_Client* client, const char* key, const char* cert,
+                     size_t certLength) noexcept;
+// Completes or discards a replacement a stopped process left unfinished.
+void RecoverIdentity(DAXO_Client* client) noexcept;
+// WrongCertificateFile (key and certificate that exist but cannot be used)
+// or ClientCertificateExpired, each with its line; missing files pass.
+DAXO_Error CheckStoredIdentity(DAXO_Client* client) noexcept;
+// Removes the key and certificate, pending ones included.
+DAXO_Error ResetIdentity(DAXO_Client* client) noexcept;
 
 // The longest configuration line, its newline not counted.
 inline constexpr size_t kConfigLineMax = 4096;

@@ -97,6 +97,8 @@ const char* DAXO_ErrorName(DAXO_Error err) noexcept {
       return "DAXO_Error_BrokerCertificateRefused";
     case DAXO_Error_ClientCertificateRefused:
       return "DAXO_Error_ClientCertificateRefused";
+    case DAXO_Error_ClientCertificateExpired:
+      return "DAXO_Error_ClientCertificateExpired";
     case DAXO_Error_PushStoreFull:
       return "DAXO_Error_PushStoreFull";
     case DAXO_Error_PushStoreUnusable:

@@ -7,10 +7,6 @@
 
 namespace {
 
-// The agent looks after the expiry of its own authority file.
-constexpr char kAgentAuthorityFile[] =
-    "/var/lib/quellborne-iot-agent/certs/QuellborneAuthority.crt";
-
 // A failure is also the outcome of the check that met it.
 DAXO_Error Outcome(DAXO_Client* client, DAXO_Error err) noexcept {
   if (err != DAXO_Error_Success) CallOnCertificateRenewCallback(client, err);
@@ -54,7 +50,7 @@ DAXO_Error CheckCAExpirationDate(DAXO_Client* client,
                                  OnCertificateRenewCallback callback) noexcept {
   if (client == nullptr) return DAXO_Error_InvalidArguments;
   client->OnCertificateRenew = callback;
-  if (strcmp(client->caFile, kAgentAuthorityFile) == 0)
+  if (strcmp(client->caFile, daxo::kAgentAuthorityFile) == 0)
     return Outcome(client, DAXO_Error_Success);
   return Outcome(client, SendCertificateContentToCheckExpireDate(client, client->caFile));
 }

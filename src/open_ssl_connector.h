@@ -65,6 +65,36 @@ DAXO_EXPORT const char* ConvertCertificateRequestToPemEncodedString(X509_REQ* x5
 // Releases each non-null object: the request, the key, then the exponent.
 DAXO_EXPORT void FreeRessources(X509_REQ* x509_req, EVP_PKEY* evpOut, BIGNUM* bne) DAXO_NOEXCEPT;
 
+// Checks of certificates and keys that arrive as text, before anything is
+// stored. Each returns null when the check passes, or why it does not.
+
+// CheckCertificateForKey: certPem holds a certificate (certLen bytes, no NUL
+// needed) whose public key is the one of the PEM private key keyPem and,
+// when commonName is not null, whose first subject common name is
+// commonName.
+DAXO_EXPORT const char* CheckCertificateForKey(const char* certPem, size_t certLen,
+                                               const char* keyPem,
+                                               const char* commonName) DAXO_NOEXCEPT;
+
+// CheckAuthorityCertificate: pem's first certificate is a CA certificate.
+DAXO_EXPORT const char* CheckAuthorityCertificate(const char* pem, size_t len) DAXO_NOEXCEPT;
+
+// VerifyCertificate: certPem's first certificate chains to a certificate of
+// the PEM file caFile, at the current time.
+DAXO_EXPORT const char* VerifyCertificate(const char* certPem, size_t len,
+                                          const char* caFile) DAXO_NOEXCEPT;
+
+// CertificateExpiry: 1 when pem's first certificate is past its end of
+// validity, 0 when it is not, -1 when pem holds no certificate. The end of
+// validity is written to date ("2026-11-25 10:00:00 UTC") when size allows.
+DAXO_EXPORT int CertificateExpiry(const char* pem, size_t len, char* date,
+                                  size_t size) DAXO_NOEXCEPT;
+
+// AuthorityBundle: newPem followed by every certificate of the PEM file
+// oldFile that is still valid and is not newPem's own; a heap text freed by
+// the caller, or null when memory runs out.
+DAXO_EXPORT char* AuthorityBundle(const char* newPem, const char* oldFile) DAXO_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

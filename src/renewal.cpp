@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "c_handles.h"
 #include "daxo_internal.h"
@@ -101,21 +102,6 @@ void DropRenewal(DAXO_Client* client) noexcept {
   client->newKeyContent = nullptr;
 }
 
-// With the old connection stopped: the new files, then the new connection,
-// whose result becomes the outcome.
-DAXO_Error Install(DAXO_Client* client, int task, const char* content) noexcept {
-  if (task == RenewalTaskAuthority) return WriteToCertificateFile(client->caFile, content);
-  const char* key = client->newKeyContent;
-  if (key == nullptr || !WriteCertificateFile(client, daxo::kKeyFileName, key,
-                                              static_cast<int>(strlen(key))))
-    return DAXO_Error_WritingToCertificateFile;
-  DropRenewal(client);
-  if (!WriteCertificateFile(client, daxo::kCertFileName, content,
-                            static_cast<int>(strlen(content))))
-    return DAXO_Error_WritingToCertificateFile;
-  return DAXO_Error_Success;
-}
-
 void RestoreApplicationCallbacks(DAXO_Client* client) noexcept {
   // Keyed on the stand-in rather than on the saved value, which is null for
   // an application without OnConnect.
@@ -174,13 +160,6 @@ int WillDateExpireInDays(const char* dateStr, const int days) noexcept {
   return IsDateExpired(&date);
 }
 
-DAXO_Error WriteToCertificateFile(const char* filePath, const char* content) noexcept {
-  daxo::FilePtr file(fopen(filePath, "we"));
-  if (!file) return DAXO_Error_WritingToCertificateFile;
-  if (fputs(content, file.get()) == EOF) return DAXO_Error_WritingToCertificateFile;
-  return fclose(file.release()) == 0 ? DAXO_Error_Success : DAXO_Error_WritingToCertificateFile;
-}
-
 DAXO_Error RenewClientCertificate(DAXO_Client* client) noexcept {
   daxo::CStr topic = daxo::Format("/%s/%s/renewCertificate", daxo::kApiVersion, client->clientId);
   if (!topic) return DAXO_Error_NoMemory;
@@ -213,6 +192,15 @@ DAXO_Error ProcessNewCertificateCommand(DAXO_Client* client, char** topics, cons
 void CertificateRenewOnConnectCallback(DAXO_Client* client, void* /*callbackParameter*/,
                                        DAXO_Error err) noexcept {
   if (client == nullptr) return;
+  // The owner judges a failed trial; a refusal is only recorded for it.
+  int trying = RenewalTrialTrying;
+  int verdict = err == DAXO_Error_Success ? RenewalTrialAccepted : RenewalTrialRefused;
+  if (err != DAXO_Error_Success) daxo::Store(client->renewalTrialError, err);
+  if (!__atomic_compare_exchange_n(&client->renewalTrial, &trying, verdict, false, __ATOMIC_ACQ_REL,
+                                   __ATOMIC_ACQUIRE))
+    return;
+  daxo::WakeWatchThread(client);
+  if (err != DAXO_Error_Success) return;
   // Put back first: whoever hears of the outcome finds its callbacks again.
   RestoreApplicationCallbacks(client);
   CallOnCertificateRenewCallback(client, err);
@@ -222,6 +210,80 @@ void CertificateRenewOnConnectCallback(DAXO_Client* client, void* /*callbackPara
 
 namespace {
 
+using daxo::CStr;
+
+DAXO_Error Refuse(DAXO_Client* client, const char* what, const char* why) noexcept {
+  daxo::LogFormat(client, "Renewal: the new %s is refused (%s); nothing is changed", what, why);
+  return DAXO_Error_WrongReply;
+}
+
+void KeepOld(DAXO_Client* client, char* key, char* cert) noexcept {
+  daxo::FreeSecret(std::exchange(client->renewalOldKey, key));
+  free(std::exchange(client->renewalOldCert, cert));
+}
+
+// With ownerMutex held. The files the new connection is to use, checked
+// first; the old ones are kept in memory until that connection proves the
+// new ones. *changed tells whether anything was written.
+DAXO_Error InstallClientCertificate(DAXO_Client* client, const char* cert, bool* changed) noexcept {
+  size_t length = strlen(cert);
+  if (const char* why =
+          CheckCertificateForKey(cert, length, client->newKeyContent, client->clientId))
+    return Refuse(client, "client certificate", why);
+  // The authority that signs clients need not be the one that signs the
+  // broker, so this is worth a line, not a refusal.
+  if (const char* why = VerifyCertificate(cert, length, client->caFile))
+    daxo::LogFormat(client, "Renewal: the new client certificate does not verify against %s (%s)",
+                    client->caFile, why);
+  CStr keyPath = daxo::Format("%s/%s", client->certFolder, daxo::kKeyFileName);
+  CStr certPath = daxo::Format("%s/%s", client->certFolder, daxo::kCertFileName);
+  if (!keyPath || !certPath) return DAXO_Error_NoMemory;
+  daxo::SecretStr oldKey(GetFileContent(keyPath.get()));
+  CStr oldCert(GetFileContent(certPath.get()));
+  if (!daxo::InstallIdentity(client, client->newKeyContent, cert, length))
+    return DAXO_Error_WritingToCertificateFile;
+  DropRenewal(client);
+  KeepOld(client, oldKey.release(), oldCert.release());
+  *changed = true;
+  return DAXO_Error_Success;
+}
+
+DAXO_Error InstallAuthority(DAXO_Client* client, const char* pem, bool* changed) noexcept {
+  if (strcmp(client->caFile, daxo::kAgentAuthorityFile) == 0) {
+    daxo::LogFormat(client,
+                    "Renewal: %s is the agent's own authority file; it is left to the agent",
+                    client->caFile);
+    return DAXO_Error_Success;
+  }
+  if (const char* why = CheckAuthorityCertificate(pem, strlen(pem)))
+    return Refuse(client, "certificate authority", why);
+  CStr bundle(AuthorityBundle(pem, client->caFile));
+  if (!bundle) return DAXO_Error_NoMemory;
+  CStr old(GetFileContent(client->caFile));
+  if (old && strcmp(old.get(), bundle.get()) == 0) return DAXO_Error_Success;
+  if (daxo::WriteDurably(client, client->caFile, bundle.get(), strlen(bundle.get()), false) != 0)
+    return DAXO_Error_WritingToCertificateFile;
+  KeepOld(client, nullptr, old.release());
+  *changed = true;
+  return DAXO_Error_Success;
+}
+
+// With ownerMutex held: the files a failed trial replaced.
+void PutBackOldFiles(DAXO_Client* client, int task, DAXO_Error why) noexcept {
+  daxo::LogFormat(client,
+                  "Renewal: the new %s did not bring the connection up (%s); the old one is put "
+                  "back",
+                  task == RenewalTaskAuthority ? "certificate authority" : "client certificate",
+                  DAXO_ErrorName(why));
+  const char* oldCert = client->renewalOldCert;
+  if (task == RenewalTaskClientCertificate && client->renewalOldKey != nullptr &&
+      oldCert != nullptr)
+    daxo::InstallIdentity(client, client->renewalOldKey, oldCert, strlen(oldCert));
+  if (task == RenewalTaskAuthority && oldCert != nullptr)
+    daxo::WriteDurably(client, client->caFile, oldCert, strlen(oldCert), false);
+  KeepOld(client, nullptr, nullptr);
+}
+
 // With ownerMutex held; *stopped tells whether the connection was stopped.
 DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopped) noexcept {
   *stopped = false;
@@ -230,6 +292,16 @@ DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopp
   // left alone.
   if (task == RenewalTaskClientCertificate && client->newKeyContent == nullptr)
     return DAXO_Error_WritingToCertificateFile;
+  // The old files of a trial still running are all there is to go back to.
+  if (daxo::Load(client->renewalTrial) != RenewalTrialNone) {
+    daxo::LogFormat(client, "Renewal: another renewal is still being tried; this one is dropped");
+    return DAXO_Error_Busy;
+  }
+  bool changed = false;
+  DAXO_Error err = task == RenewalTaskClientCertificate
+                       ? InstallClientCertificate(client, content, &changed)
+                       : InstallAuthority(client, content, &changed);
+  if (err != DAXO_Error_Success || !changed) return err;
   *stopped = true;
   // The application does not hear of the disconnection a new client
   // certificate needs; its OnDisconnect returns with the new connection.
@@ -238,15 +310,34 @@ DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopp
     client->renewalMutedOnDisconnect = 1;
     DAXO_DisconnectCallbackSet(client, nullptr);
   }
-  DAXO_Error err = daxo::DisconnectMain(client);
-  if (err == DAXO_Error_Success) err = Install(client, task, content);
+  err = daxo::DisconnectMain(client);
   if (err == DAXO_Error_Success) {
     client->preserveUserDefinedOnConnectCallback = daxo::Get(client->OnConnect);
     DAXO_ConnectCallbackSet(client, CertificateRenewOnConnectCallback);
+    client->renewalTrialTask = task;
+    client->renewalTrialDeadlineMs = daxo::NowMs() + DAXO_RENEWAL_TRIAL_MS;
+    daxo::Store(client->renewalTrialError, 0);
+    daxo::Store(client->renewalTrial, RenewalTrialTrying);
     err = daxo::ConnectNow(client, nullptr);
   }
-  if (err != DAXO_Error_Success) RestoreApplicationCallbacks(client);
+  if (err != DAXO_Error_Success) {
+    daxo::Store(client->renewalTrial, RenewalTrialNone);
+    RestoreApplicationCallbacks(client);
+    PutBackOldFiles(client, task, err);
+  }
   return err;
+}
+
+// With ownerMutex held: why the trial failed, or Success while it may
+// still succeed.
+DAXO_Error TrialFailure(DAXO_Client* client, int state) noexcept {
+  if (state == RenewalTrialRefused)
+    return static_cast<DAXO_Error>(daxo::Load(client->renewalTrialError));
+  if (!daxo::Load(client->polling)) return DAXO_Error_NoConnectionToServer;
+  if (int failure = daxo::Load(client->mainWatch.failure); failure != 0)
+    return static_cast<DAXO_Error>(failure);
+  if (daxo::NowMs() >= client->renewalTrialDeadlineMs) return DAXO_Error_ConnectionTimeout;
+  return DAXO_Error_Success;
 }
 
 }  // namespace
@@ -261,12 +352,41 @@ void RunRenewalTask(DAXO_Client* client, int task, char* content) noexcept {
     MutexLock lock(&client->ownerMutex);
     err = Renew(client, task, content, &stopped);
   }
-  if (err == DAXO_Error_Success) return;
+  // A reconnection reports the outcome; without one, it is known now.
+  if (err == DAXO_Error_Success && stopped) return;
+  if (err == DAXO_Error_Success && task == RenewalTaskRequest) return;
   CallOnCertificateRenewCallback(client, err);
   // A renewal that stopped the connection and could not make a new one:
   // the application hears why, and the watch thread keeps trying with what
   // the folder holds.
   if (stopped) ReportConnectFailure(client, err);
+}
+
+void SuperviseRenewalTrial(DAXO_Client* client) noexcept {
+  int state = Load(client->renewalTrial);
+  if (state == RenewalTrialNone) return;
+  DAXO_Error outcome;
+  DAXO_Error reconnect = DAXO_Error_Success;
+  {
+    MutexLock lock(&client->ownerMutex);
+    if (state == RenewalTrialAccepted) {
+      KeepOld(client, nullptr, nullptr);
+      Store(client->renewalTrial, RenewalTrialNone);
+      return;
+    }
+    outcome = TrialFailure(client, state);
+    if (outcome == DAXO_Error_Success ||
+        !__atomic_compare_exchange_n(&client->renewalTrial, &state, RenewalTrialNone, false,
+                                     __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+      return;
+    bool wanted = Load(client->polling);
+    RestoreApplicationCallbacks(client);
+    DisconnectMain(client);
+    PutBackOldFiles(client, client->renewalTrialTask, outcome);
+    if (wanted) reconnect = ConnectNow(client, nullptr);
+  }
+  CallOnCertificateRenewCallback(client, outcome);
+  if (reconnect != DAXO_Error_Success) ReportConnectFailure(client, reconnect);
 }
 
 }  // namespace daxo

@@ -23,8 +23,8 @@ int main(int argc, char** argv) {
   EXPECT(DAXO_Error_CertifcateFolderPath == 33 && DAXO_Error_CertificateRequest == 39);
   EXPECT(DAXO_ApiError_NoError == -1 && DAXO_ApiError_ForbiddendAccess == 18);
   EXPECT(DAXO_Error_ConnectionRefused == 40 && DAXO_Error_ClientCertificateRefused == 44);
-  for (int code = -1; code <= 45; ++code)
-    EXPECT(!strstr(DAXO_ErrorName((DAXO_Error)code), "(unknown)") == (code < 45));
+  for (int code = -1; code <= 48; ++code)
+    EXPECT(!strstr(DAXO_ErrorName((DAXO_Error)code), "(unknown)") == (code < 48));
   EXPECT(DAXO_LibCleanup() == DAXO_Error_Success);
   return 0;
 }

@@ -41,7 +41,8 @@ class DaxoctlTest : public ::testing::Test {
   }
 
   TestEnvironment env;
-  std::string config = env.WriteClientConfig({.certFolder = env.NewCertFolder()});
+  std::string folder = env.NewCertFolder();
+  std::string config = env.WriteClientConfig({.certFolder = folder});
   int runs = 0, exitCode = -1;
 };
 
@@ -118,6 +119,19 @@ TEST_F(DaxoctlTest, ServesEveryCommand) {
   std::ofstream(config, std::ios::app) << "MqttPort 38x83\n";
   EXPECT_NE(Ctl({"id"}).find(": MqttPort \"38x83\" is not a whole number"), std::string::npos);
   EXPECT_EQ(exitCode, 1);
+}
+
+TEST_F(DaxoctlTest, PrintsTheWayBackFromAnExpiredIdentity) {
+  env.IssueClientCertificate(folder, {.commonName = "old", .start = -std::chrono::hours(48)});
+  std::string out = Ctl({"ping"});
+  EXPECT_EQ(exitCode, 1);
+  EXPECT_NE(out.find("DAXO_Error_ClientCertificateExpired"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"daxoctl reset-identity\" and then \"daxoctl provision\""),
+            std::string::npos)
+      << out;
+  Ok({"reset-identity"});
+  Ok({"provision"});
+  Ok({"ping"});
 }
 
 }  // namespace

@@ -121,11 +121,16 @@ TEST_F(LibraryTest, NamesTheCertificateThatWasRefused) {
   TestEnvironment env;
   LibraryClient expired(env), fresh(env);
   env.IssueClientCertificate(expired.CertFolder(), {.commonName = "expired", .start = -48h});
-  ASSERT_EQ(DAXO_ProvisionClient(expired), DAXO_Error_AlreadyProvisioned);
-  DAXO_Error connected = DAXO_Connect(expired);
-  EXPECT_EQ(connected == DAXO_Error_Success ? expired.Code("disconnect") : connected,
-            DAXO_Error_ClientCertificateRefused);
-  EXPECT_TRUE(expired.WaitForLog(std::to_string(env.MainPort()) + " failed: the broker "));
+  // Named before any broker is asked, by provisioning and connecting alike.
+  EXPECT_EQ(DAXO_ProvisionClient(expired), DAXO_Error_ClientCertificateExpired);
+  EXPECT_TRUE(expired.WaitForLog("/cert.crt expired on "));
+  ASSERT_EQ(DAXO_ProvisionClient(expired), DAXO_Error_ClientCertificateExpired);
+  free(expired->clientId);
+  expired->clientId = strdup("expired");
+  EXPECT_EQ(DAXO_Connect(expired), DAXO_Error_ClientCertificateExpired);
+  EXPECT_TRUE(expired.WaitForLog("reset the identity and provision again"));
+  ASSERT_EQ(DAXO_ResetIdentity(expired), DAXO_Error_Success);
+  EXPECT_TRUE(expired.ProvisionAndConnect());
 
   env.RestartBroker(BrokerIdentity::kForeign);
   DAXO_Error started = DAXO_ProvisionClient(fresh);
@@ -150,22 +155,26 @@ TEST_F(LibraryTest, RenewsItsCertificateAndAuthority) {
   EXPECT_EQ(c.Next("connect", {}).code, LibraryClient::kNone) << "and was not called";
   EXPECT_EQ(c.Next("disconnect", {}).code, LibraryClient::kNone) << "nor OnDisconnect";
 
-  // A renewal stopped between key and certificate leaves a pair that does
-  // not belong together; the documented way back is a new identity.
+  // A pair that does not belong together (written by hand) is named; the
+  // way back is a new identity.
   ASSERT_EQ(DAXO_Disconnect(c), DAXO_Error_Success);
   ASSERT_EQ(c.Code("disconnect"), DAXO_Error_Success);
   std::string cert = ReadFile(c.CertFolder() + "/cert.crt");
   env.IssueClientCertificate(c.CertFolder(), {.commonName = "someone-else"});
   std::ofstream(c.CertFolder() + "/cert.crt") << cert;
-  EXPECT_NE(DAXO_Connect(c), DAXO_Error_Success) << "TLS refuses the mismatched pair";
-  fs::remove(c.CertFolder() + "/cert.crt"), fs::remove(c.CertFolder() + "/priv_key.key");
+  EXPECT_EQ(DAXO_Connect(c), DAXO_Error_WrongCertificateFile);
+  EXPECT_EQ(DAXO_ProvisionClient(c), DAXO_Error_WrongCertificateFile);
+  ASSERT_EQ(DAXO_ResetIdentity(c), DAXO_Error_Success);
   ASSERT_TRUE(c.ProvisionAndConnect());
   EXPECT_EQ(MatchingCommonName(c.CertFolder()), c.Id());
 
   env.AgentControl("offer-new-ca");
   ASSERT_EQ(CheckCAExpirationDate(c, OnRenewal), DAXO_Error_Success);
   ASSERT_EQ(c.Next("renewal", std::chrono::seconds(30)).code, DAXO_Error_Success);
-  EXPECT_EQ(ReadFile(caCopy), ReadFile(env.Folder() / "agent-state" / "ca.crt"));
+  // The new authority first, the old one after it while it is valid.
+  std::string oldCa = ReadFile(env.CaFile()),
+              newCa = ReadFile(env.Folder() / "agent-state" / "ca.crt");
+  EXPECT_EQ(ReadFile(caCopy), newCa + oldCa);
   EXPECT_EQ(c->OnConnect, onConnect);
   EXPECT_EQ(c.Next("connect", {}).code, LibraryClient::kNone);
   EXPECT_EQ(c.Code("disconnect"), DAXO_Error_Success) << "an authority change is not hidden";

@@ -4,6 +4,8 @@
 // handled normally.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "alloc_failure.h"
 #include "client_fixture.h"
 #include "record_summary.h"
@@ -148,16 +150,19 @@ TEST_F(AllocFailureInbound, ARenewalRequestIsSentWholeOrNone) {
 // or the exchange ends with an error outcome.
 TEST_F(AllocFailureInbound, AProvisioningReplyIsStoredOrReportedAsFailed) {
   reused_key::Scope sameKey;
-  const std::string certificate = testcert::SelfSigned("IOT-Client-4f2a9c");
+  std::string certificate;  // for the one key every request carries
   for (const char* suffix : {"", "/error"}) {
     std::string topic;
     alloc_failure::ForEachAllocationFailure(
         [&] {
           free(std::exchange(client->clientId, nullptr));
+          std::filesystem::remove_all(client->certFolder);
           EXPECT_EQ(DAXO_ProvisionClient(client), DAXO_Error_Success);
           FakeMqtt& fake = *FakeMqtt::Last();
           if (fake.publishes.empty()) fake.FireConnect(0);
           topic = "/certBack/" + testcert::Sha256Hex(fake.publishes.back().payload) + suffix;
+          if (certificate.empty())
+            certificate = testcert::IssuedFor(fake.publishes.back().payload, "IOT-Client-4f2a9c");
           calls.clear();
         },
         [&] { return FakeMqtt::Last()->Deliver(topic, *suffix ? kError : certificate); },

@@ -65,25 +65,34 @@ TEST_F(ProvisioningTest, SendsTheRequestOnceTheProvisioningPortIsUp) {
 TEST_F(ProvisioningTest, RepliesEndTheExchange) {
   const struct {
     const char* suffix;
-    std::string payload;
+    std::string payload;  // "issued": a certificate for the request's key
     std::vector<int> outcomes;
   } cases[] = {
-      {"", "not a certificate", {DAXO_Error_ReadCertificateCN}},
+      // Nothing is stored: the pending key waits for a good answer.
+      {"", "not a certificate", {DAXO_Error_WrongReply}},
+      {"", testcert::SelfSigned("IOT-Client-4f2a9c"), {DAXO_Error_WrongReply}},
       {"/error", R"({"errorcode":1})", {DAXO_Error_NoBackendConnection}},
       {"/error", R"({"errorcode":20})", {DAXO_Error_CertificateRequest}},
       {"/error", R"({"errorcode":25})", {DAXO_Error_CertificateRequest}},
       {"/error", R"({"errorcode":24})", {DAXO_Error_Unknown}},
       {"/error", "not json", {DAXO_Error_ClientProvision}},  // unreadable, yet the end
       {"/error", R"({"errorMessage":"no code"})", {DAXO_Error_ClientProvision}},
-      {"", testcert::SelfSigned("IOT-Client-4f2a9c"), {DAXO_Error_Success}},
+      {"", "issued", {DAXO_Error_Success}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.payload);
     FakeMqtt& fake = Requested();
-    fake.Deliver(ReplyTopic(fake) + c.suffix, c.payload);
+    std::string request = fake.publishes.back().payload;
+    EXPECT_FALSE(std::filesystem::exists(File("/priv_key.key"))) << "the key waits as pending";
+    fake.Deliver(
+        ReplyTopic(fake) + c.suffix,
+        c.payload == "issued" ? testcert::IssuedFor(request, "IOT-Client-4f2a9c") : c.payload);
     EXPECT_EQ(Outcomes(), c.outcomes);
     EXPECT_EQ(client->provisionDigest, nullptr);
   }
+  EXPECT_FALSE(std::filesystem::exists(File("/priv_key.key.new")));
+  EXPECT_FALSE(std::filesystem::exists(File("/cert.crt.new")));
+  std::filesystem::remove(File("/cert.crt"));  // to provision again
   EXPECT_STREQ(DAXO_GetClientId(client), "IOT-Client-4f2a9c");
   FakeMqtt& fake = Requested();  // only the reply to this request counts
   std::string reply = ReplyTopic(fake);
@@ -97,15 +106,16 @@ TEST_F(ProvisioningTest, RepliesEndTheExchange) {
   EXPECT_NE(ReplyTopic(fake), reply) << "asking again sends at once on the running connection";
   fake.Deliver(reply, testcert::SelfSigned("stale"));
   EXPECT_TRUE(calls.empty());
-  fake.Deliver(ReplyTopic(fake), testcert::SelfSigned("fresh"));
+  fake.Deliver(ReplyTopic(fake), testcert::IssuedFor(fake.publishes.back().payload, "fresh"));
   EXPECT_STREQ(DAXO_GetClientId(client), "fresh");
 }
 
 TEST_F(ProvisioningTest, AStoredIdentityIsOnlyReadAndDeprovisioningRemovesIt) {
   std::filesystem::create_directories(client->certFolder);
   std::ofstream(client->caFile) << testcert::SelfSigned("CA");
-  std::ofstream(File("/priv_key.key")) << "key";
-  std::ofstream(File("/cert.crt")) << testcert::SelfSigned("device-7");
+  testcert::Identity device = testcert::MakeIdentity("device-7");
+  std::ofstream(File("/priv_key.key")) << device.key;
+  std::ofstream(File("/cert.crt")) << device.cert;
   EXPECT_EQ(DAXO_ProvisionClient(client), DAXO_Error_AlreadyProvisioned);
   EXPECT_EQ(Outcomes(), std::vector<int>{DAXO_Error_AlreadyProvisioned});
   EXPECT_TRUE(FakeMqtt::Instances().empty());
@@ -126,11 +136,64 @@ TEST_F(ProvisioningTest, AStoredIdentityIsOnlyReadAndDeprovisioningRemovesIt) {
   // Provisioning again while still connected asks on the provisioning port.
   FakeMqtt& provisioning = Requested();
   EXPECT_EQ(fake.publishes.size(), 1u) << "nothing on the main instance";
-  provisioning.Deliver(ReplyTopic(provisioning), testcert::SelfSigned("device-8"));
+  provisioning.Deliver(ReplyTopic(provisioning),
+                       testcert::IssuedFor(provisioning.publishes.back().payload, "device-8"));
   EXPECT_STREQ(DAXO_GetClientId(client), "device-8");
-  std::ofstream(File("/cert.crt")) << "garbage";
-  std::ofstream(File("/priv_key.key")) << "key";
-  EXPECT_EQ(DAXO_ProvisionClient(client), DAXO_Error_GetClientId) << "an unreadable identity";
+}
+
+// Files that exist but cannot be used are named, kept, and refused by
+// provisioning and connecting alike, until the application resets them.
+TEST_F(ProvisioningTest, AnIdentityThatCannotBeUsedIsNamedKeptAndResetOnRequest) {
+  testcert::Identity good = testcert::MakeIdentity("device-7");
+  testcert::Identity other = testcert::MakeIdentity("device-7");
+  testcert::Identity expired = testcert::MakeIdentity("device-7", -7200, -3600);
+  std::string caFile = client->caFile;
+  const struct {
+    std::string key, cert;
+    bool authority;
+    int code;
+    std::string line;
+  } cases[] = {
+      {good.key, "garbage", true, DAXO_Error_WrongCertificateFile, "(not a PEM certificate)"},
+      {good.key, "", true, DAXO_Error_WrongCertificateFile, "(cert.crt is empty or unreadable)"},
+      {good.key, good.cert.substr(0, 200), true, DAXO_Error_WrongCertificateFile,
+       "(not a PEM certificate)"},
+      {"garbage", good.cert, true, DAXO_Error_WrongCertificateFile, "(not a PEM private key)"},
+      {other.key, good.cert, true, DAXO_Error_WrongCertificateFile,
+       "(the certificate is for another key)"},
+      {expired.key, expired.cert, true, DAXO_Error_ClientCertificateExpired, " expired on 20"},
+      // A misspelled or unmounted authority file, a lost key: not a reason
+      // to make a new key beside the certificate.
+      {good.key, good.cert, false, DAXO_Error_TlsSetFailed,
+       "Provisioning refused: " + caFile + " is missing"},
+      {"", good.cert, true, DAXO_Error_WrongCertificateFile,
+       "Provisioning refused: " + File("/priv_key.key") + " is missing"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    std::filesystem::create_directories(client->certFolder);
+    std::filesystem::remove(caFile);
+    if (c.authority) std::ofstream(caFile) << testcert::Authority("CA");
+    std::filesystem::remove(File("/priv_key.key"));
+    if (!c.key.empty()) std::ofstream(File("/priv_key.key")) << c.key;
+    std::ofstream(File("/cert.crt")) << c.cert;
+    logs.clear();
+    EXPECT_EQ(DAXO_ProvisionClient(client), c.code);
+    ASSERT_EQ(logs.size(), 1u);
+    EXPECT_NE(logs[0].find(c.line), std::string::npos) << logs[0];
+    if (c.code != DAXO_Error_TlsSetFailed && !c.key.empty()) {
+      Provisioned("device-7");
+      EXPECT_EQ(DAXO_Connect(client), c.code) << "connecting names it too";
+    }
+    EXPECT_TRUE(FakeMqtt::Instances().empty()) << "nothing was started";
+    std::ifstream key(File("/priv_key.key"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(key), {}), c.key) << "the key is kept";
+    EXPECT_EQ(DAXO_ResetIdentity(client), DAXO_Error_Success);
+    EXPECT_EQ(DAXO_GetClientId(client), nullptr);
+    EXPECT_FALSE(std::filesystem::exists(File("/cert.crt")));
+  }
+  EXPECT_EQ(DAXO_ProvisionClient(client), DAXO_Error_Success) << "a new identity can be made";
+  EXPECT_EQ(DAXO_ResetIdentity(client), DAXO_Error_Busy) << "not while provisioning";
 }
 
 }  // namespace
@@ -158,9 +221,8 @@ TEST_F(ProvisioningTest, AnUnansweredExchangeEndsWithAFailure) {
        "Connection to localhost:8884 failed: no answer within 30 s (DAXO_Error_ConnectionTimeout)"},
   };
   static std::promise<int>* outcome;
-  DAXO_ProvisionClientCallbackSet(client, [](DAXO_Client*, void*, DAXO_Error err) {
-    outcome->set_value(err);
-  });
+  DAXO_ProvisionClientCallbackSet(
+      client, [](DAXO_Client*, void*, DAXO_Error err) { outcome->set_value(err); });
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
     std::promise<int> reported;

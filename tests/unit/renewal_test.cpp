@@ -37,7 +37,24 @@ TEST(ExpiryDate, ACertificateIsDueThirtyDaysBeforeItExpires) {
   tzset();
 }
 
-using RenewalTest = FakeClientTest;
+class RenewalTest : public FakeClientTest {
+ protected:
+  // A working identity, which a failed renewal must leave in place.
+  void WriteIdentity() {
+    std::filesystem::create_directories(client->certFolder);
+    identity = testcert::MakeIdentity("client-1");
+    dir.Write("certs/priv_key.key", identity.key);
+    dir.Write("certs/cert.crt", identity.cert);
+    authority = testcert::Authority("CA");
+    std::ofstream(client->caFile) << authority;
+  }
+  std::string Files() {
+    return testcert::ReadFile(dir / "certs/priv_key.key") +
+           testcert::ReadFile(dir / "certs/cert.crt") + testcert::ReadFile(client->caFile);
+  }
+  testcert::Identity identity;
+  std::string authority;
+};
 
 std::string Answer(const char* type, const char* date, const char* extra = "") {
   return std::string(R"({"providedExpiresAt":")") + date + R"(","certificateType":")" + type +
@@ -98,16 +115,18 @@ TEST_F(RenewalTest, AnExpiringClientCertificateAsksForANewOneOnce) {
 TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHad) {
   static std::promise<DAXO_Error>* outcome;
   const struct {
-    const char* answer;
+    std::string newCa;  // empty: a client certificate is renewed
     bool applicationOnConnect;
   } cases[] = {
       {"", true},  // first: the other clears the recording OnConnect for good
-      {R"(,"validity":"new one available","newCa":"new authority")", false},
+      {testcert::Authority("new"), false},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.answer);
+    SCOPED_TRACE(c.newCa);
     FakeMqtt& fake = Connected();
     if (!c.applicationOnConnect) DAXO_ConnectCallbackSet(client, nullptr);
+    WriteIdentity();
+    std::string before = Files();
     DAXO_OnConnect onConnect = client->OnConnect;
     DAXO_OnDisconnect onDisconnect = client->OnDisconnect;
     std::promise<DAXO_Error> reported;
@@ -116,13 +135,11 @@ TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHa
       if (err != DAXO_Error_Success) outcome->set_value(err);
     };
     FakeMqtt::OnCreate([](FakeMqtt& f) { f.connectResult = MOSQ_ERR_INVAL; });
-    bool authority = *c.answer != '\0';
-    fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
-                 Answer(authority ? "certificate authority" : "client certificate",
-                        "20000101T000000", c.answer));
-    if (!authority) {
+    fake.Deliver("/v1.0/client-1/checkExpireDate/inbox", testcert::ExpiringAnswer(c.newCa));
+    if (c.newCa.empty()) {
       Settle();  // the request, made on the watch thread, comes before its answer
-      fake.Deliver("/v1.0/client-1/renewCertificate/inbox", testcert::SelfSigned("x"));
+      fake.Deliver("/v1.0/client-1/renewCertificate/inbox",
+                   testcert::IssuedFor(fake.publishes.back().payload, "client-1"));
     }
     std::future<DAXO_Error> result = reported.get_future();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
@@ -131,6 +148,7 @@ TEST_F(RenewalTest, AFailedReconnectionPutsBackWhateverCallbacksTheApplicationHa
     EXPECT_EQ(client->OnConnect, onConnect);
     EXPECT_EQ(client->OnDisconnect, onDisconnect);
     EXPECT_EQ(client->preserveUserDefinedOnConnectCallback, nullptr);
+    EXPECT_EQ(Files(), before) << "the working identity is put back";
     // The old connection is gone: the application hears why, and the watch
     // thread will start it again.
     if (c.applicationOnConnect) {

@@ -164,8 +164,9 @@ class ThreadModelTest : public ::testing::Test {
   void WriteIdentity() {
     std::filesystem::create_directories(dir / "certs");
     dir.Write("ca.crt", testcert::SelfSigned("CA"));
-    dir.Write("certs/cert.crt", testcert::SelfSigned("device-7"));
-    dir.Write("certs/priv_key.key", "key");
+    static const testcert::Identity identity = testcert::MakeIdentity("device-7");
+    dir.Write("certs/cert.crt", identity.cert);
+    dir.Write("certs/priv_key.key", identity.key);
   }
 
   bool IdentityStored() const {

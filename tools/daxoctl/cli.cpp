@@ -43,6 +43,10 @@ const std::vector<Command>& Commands() {
        ReportError},
       {"deprovision", "", "Asks the agent to forget the client; removes its identity.", {}, 0,
        0, Deprovision},
+      {"reset-identity", "",
+       "Removes the client's key and certificate without asking the agent, so that a\n"
+       "broken or expired identity can be provisioned anew.",
+       {}, 0, 0, ResetIdentity},
       {"listen", "[--for SECONDS]",
        "Prints sensor jobs and replies as they arrive, until interrupted.", {"for"}, 0, 0,
        Listen},

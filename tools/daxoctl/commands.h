@@ -10,6 +10,7 @@ int Provision(const Options& options);
 int Id(const Options& options);
 int Ping(const Options& options);
 int Deprovision(const Options& options);
+int ResetIdentity(const Options& options);
 int ReportError(const Options& options);
 
 int SensorsList(const Options& options);

@@ -26,6 +26,17 @@ int Provision(const Options& options) {
   return kOk;
 }
 
+// Starting over without the agent: for an identity that is broken or has
+// expired, which the agent cannot be asked to forget over a connection.
+int ResetIdentity(const Options& options) {
+  Session session(options);
+  if (std::optional<int> exit = session.Create()) return *exit;
+  if (auto exit = session.Sent("reset", DAXO_ResetIdentity(session.Client()))) return *exit;
+  session.Out().Result(session.Success(),
+                       "the key and certificate are removed; \"daxoctl provision\" makes new ones");
+  return kOk;
+}
+
 int Id(const Options& options) {
   Session session(options);
   if (std::optional<int> exit = session.Load()) return *exit;

@@ -1,9 +1,10 @@
 #include "vocabulary.h"
 
+#include <strings.h>
+
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <strings.h>
 
 namespace daxoctl {
 namespace {
@@ -100,7 +101,14 @@ Value InferValue(const std::string& text) {
 }
 
 std::string Describe(DAXO_Error err) {
-  return std::string(DAXO_ErrorName(err)) + " (" + std::to_string(err) + ")";
+  std::string text = std::string(DAXO_ErrorName(err)) + " (" + std::to_string(err) + ")";
+  constexpr const char* kStartOver =
+      ": \"daxoctl reset-identity\" and then \"daxoctl provision\" give the client a new one";
+  if (err == DAXO_Error_WrongCertificateFile)
+    text += std::string("; the stored key and certificate cannot be used") + kStartOver;
+  if (err == DAXO_Error_ClientCertificateExpired)
+    text += std::string("; the client certificate has expired") + kStartOver;
+  return text;
 }
 
 std::string Describe(DAXO_ApiError err) {
