@@ -2,6 +2,7 @@
 // processes against the real broker and the development agent.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <regex>
 
 #include "environment.h"
@@ -59,12 +60,17 @@ TEST(ExamplesTest, RunAgainstTheAgent) {
               "  parameter mount = /data\n"))
       << Joined(handler.Lines());
 
-  demo.Start({DAXO_DEVICE_DEMO_PATH, config(), "3"}, log);
+  // As scripts/demo runs it: with a file as its push store.
+  std::string demoConfig = config();
+  std::ofstream(demoConfig, std::ios::app)
+      << "PushStore " << (env.Folder() / "demo-pushes.db").string() << "\n";
+  demo.Start({DAXO_DEVICE_DEMO_PATH, demoConfig, "3"}, log);
   std::string readings = ended(demo);
   EXPECT_TRUE(std::regex_search(
       readings, std::regex("(push +[0-9]+: load=[0-9.]+ memory_used=[0-9]+ kB uptime=[0-9]+ s "
                            "status=(ok|busy) +agent answered DAXO_ApiError_NoError in [0-9.]+ "
-                           "ms\n){3}")))
+                           "ms\n){3}pushes: 3 made, 3 answered \\(0 with an error\\), 0 dropped, "
+                           "0 still waiting")))
       << readings;
   ended(handler);  // by itself once its time is up, and cleanly
 }
