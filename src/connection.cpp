@@ -143,7 +143,7 @@ void ReleaseMain(DAXO_Client* client) noexcept {
   Detach(client, &DAXO_Client::mosq);
 }
 
-void InstallHandlers(DAXO_Client* client, MosquittoInterface* mi) noexcept {
+void InstallHandlers(MosquittoInterface* mi) noexcept {
   mi->mosquittoReconnectDelaySetFunction(mi, 1, 1, 0);
   mi->mosquittoLogCallbackSetFunction(mi, LibraryLogCallback);
   mi->mosquittoConnectCallbackSetFunction(mi, ConnectCallback);
@@ -224,7 +224,7 @@ DAXO_Error ConnectNow(DAXO_Client* client, MosquittoInterface* record) noexcept 
     MutexLock lock(&client->instanceMutex);
     client->mosq = mi;
   }
-  InstallHandlers(client, mi);
+  InstallHandlers(mi);
   if (DAXO_Error err = SetClientTls(client, mi); err != DAXO_Error_Success) return err;
   LogFormat(client, "Connecting: host - %s, port - %d, keep_alive - %d", client->mqttHost,
             client->mqttPort, client->mqttKeepAlive);
