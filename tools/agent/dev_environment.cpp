@@ -22,9 +22,7 @@ constexpr const char* kMosquitto = "/usr/sbin/mosquitto";
 constexpr const char* kHost = "127.0.0.1";
 constexpr std::chrono::days kValidity{3650};
 
-std::string Reason(const std::string& what) {
-  return what + ": " + std::strerror(errno);
-}
+std::string Reason(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 // Through a fresh file and a rename, so that a file that existed gets the
 // mode too and is never seen half written. The fresh file is made anew and
@@ -55,7 +53,8 @@ void RequirePrivateFolder(const fs::path& dir) {
   if (stat(dir.c_str(), &st) != 0) {
     if (errno != ENOENT) throw std::runtime_error(Reason("cannot inspect " + dir.string()));
     fs::create_directories(dir.parent_path());
-    if (mkdir(dir.c_str(), 0700) != 0) throw std::runtime_error(Reason("cannot create " + dir.string()));
+    if (mkdir(dir.c_str(), 0700) != 0)
+      throw std::runtime_error(Reason("cannot create " + dir.string()));
     return;
   }
   if (!S_ISDIR(st.st_mode)) throw std::runtime_error(dir.string() + " is not a folder");
