@@ -59,12 +59,20 @@ TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
   ASSERT_FALSE(printed.empty()) << Read(env.Folder() / "init.out");
   // Hand-written broker configurations: a cafile belongs to the listener it follows.
   auto config = [&](const std::string& name, const std::string& text) {
+    fs::create_directories((env.Folder() / name).parent_path());
     std::ofstream(env.Folder() / name) << text;
     return (env.Folder() / name).string();
   };
   std::string port = std::to_string(env.MainPort()), ca = "cafile " + env.CaFile() + "\n";
   std::string defaultListener = config("default.conf", "port " + port + "\n" + ca);
   std::string otherListener = config("other.conf", ca + "listener " + port + "\n");
+  std::string onlyListeners = config("listeners.conf", ca + "listener 1\n" + ca);
+  // Read in order a.txt would refuse; the broker reads only *.conf, sorted.
+  config("conf.d/a.txt", "listener " + port + "\n");
+  config("conf.d/b.conf", "listener " + port + "\n" + ca);
+  std::string included = config("included.conf", "include_dir conf.d\n");
+  fs::copy_file(env.CaFile(), env.Folder() / "the ca.crt");
+  std::string relative = config("relative.conf", "listener " + port + "\ncafile the ca.crt \n");
   struct Case {
     const char* name;
     std::vector<std::string> arguments;
@@ -84,6 +92,12 @@ TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
       {"a port the broker does not listen on", {"--port", "1"}, "has no listener on port 1", false},
       {"the default listener", {"--broker-config", defaultListener}, "broker trusts", true},
       {"another listener's cafile", {"--broker-config", otherListener}, "names no cafile", false},
+      {"listener lines only, none on 1883",
+       {"--broker-config", onlyListeners, "--port", "1883"},
+       "has no listener on port 1883",
+       false},
+      {"the listener in an include_dir", {"--broker-config", included}, "broker trusts", true},
+      {"a relative cafile with a blank", {"--broker-config", relative}, "broker trusts", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -11,8 +11,10 @@
 
 namespace daxo_agent {
 
-// The cafile of the listener on port in a mosquitto configuration; empty
-// when that listener names only a capath, which the agent does not read.
+// The cafile of the listener on port in a mosquitto configuration, read
+// with the files of its include_dir; empty when that listener names only a
+// capath, which the agent does not read. A relative path is taken from the
+// folder of the file that names it.
 // Throws std::runtime_error when the file cannot be read, has no listener on
 // port, or that listener names no authority for client certificates.
 std::string ClientCaFileOf(const std::string& brokerConfig, int port);

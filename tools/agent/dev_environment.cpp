@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
@@ -20,17 +22,50 @@ constexpr const char* kMosquitto = "/usr/sbin/mosquitto";
 constexpr const char* kHost = "127.0.0.1";
 constexpr std::chrono::days kValidity{3650};
 
+std::string Reason(const std::string& what) { return what + ": " + std::strerror(errno); }
+
 // Through a fresh file and a rename, so that a file that existed gets the
-// mode too and is never seen half written.
+// mode too and is never seen half written. The fresh file is made anew and
+// never followed: a link planted under its name must not receive a key.
 void WriteFile(const fs::path& path, const std::string& content, mode_t mode = 0644) {
   fs::path fresh = path;
   fresh += ".new";
-  int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  bool written = fd >= 0 && fchmod(fd, mode) == 0 &&
-                 write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-  if (fd >= 0) close(fd);
-  if (!written || rename(fresh.c_str(), path.c_str()) != 0)
-    throw std::runtime_error("cannot write " + path.string());
+  if (unlink(fresh.c_str()) != 0 && errno != ENOENT)
+    throw std::runtime_error(Reason("cannot remove " + fresh.string()));
+  int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  if (fd < 0) throw std::runtime_error(Reason("cannot create " + fresh.string()));
+  bool written = fchmod(fd, mode) == 0;
+  for (std::size_t done = 0; written && done < content.size();) {
+    ssize_t n = write(fd, content.data() + done, content.size() - done);
+    written = n > 0 || (n < 0 && errno == EINTR);
+    if (n > 0) done += static_cast<std::size_t>(n);
+  }
+  written = close(fd) == 0 && written;
+  if (written && rename(fresh.c_str(), path.c_str()) == 0) return;
+  std::string reason = Reason("cannot write " + path.string());
+  unlink(fresh.c_str());
+  throw std::runtime_error(reason);
+}
+
+// The folder receives the broker's private key and the agent's authority.
+void RequirePrivateFolder(const fs::path& dir) {
+  struct stat st {};
+  if (stat(dir.c_str(), &st) != 0) {
+    if (errno != ENOENT) throw std::runtime_error(Reason("cannot inspect " + dir.string()));
+    fs::create_directories(dir.parent_path());
+    if (mkdir(dir.c_str(), 0700) != 0)
+      throw std::runtime_error(Reason("cannot create " + dir.string()));
+    return;
+  }
+  if (!S_ISDIR(st.st_mode)) throw std::runtime_error(dir.string() + " is not a folder");
+  if (st.st_uid != geteuid())
+    throw std::runtime_error(dir.string() +
+                             " belongs to another user, who could read or replace the keys "
+                             "written into it; choose a folder of your own");
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    throw std::runtime_error(dir.string() +
+                             " is writable by others, who could read or replace the keys written "
+                             "into it; run chmod go-w on it or choose another folder");
 }
 
 void IssuePair(const CertificateAuthority& ca, const fs::path& dir, const std::string& name,
@@ -109,10 +144,7 @@ void WriteDevEnvironment(const DevEnvironment& env) {
   fs::path dir = fs::absolute(env.dir).lexically_normal();
   if (!dir.has_filename()) dir = dir.parent_path();
   RequirePlainPath(dir);
-  if (!fs::exists(dir)) {
-    fs::create_directories(dir);
-    fs::permissions(dir, fs::perms::owner_all, fs::perm_options::replace);
-  }
+  RequirePrivateFolder(dir);
   CertificateAuthority ca = CertificateAuthority::Open((dir / "agent-state").string());
   WriteFile(dir / "ca.crt", ca.Pem());
   IssuePair(
@@ -124,6 +156,10 @@ void WriteDevEnvironment(const DevEnvironment& env) {
             "pattern readwrite /v1.0/%u/#\n\nuser daxo-agent\ntopic readwrite #\n");
   WriteFile(dir / "mosquitto.conf", BrokerConfig(env, dir));
   WriteFile(dir / "client.conf", ClientConfig(env, dir));
+  // The application's private key will live there.
+  fs::path certs = dir / "client-certs";
+  if (mkdir(certs.c_str(), 0700) != 0 && errno != EEXIST)
+    throw std::runtime_error(Reason("cannot create " + certs.string()));
   std::printf(
       "A development environment is ready in %s.\n"
       "Start the broker and the agent, each in a terminal of its own:\n\n"

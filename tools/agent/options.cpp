@@ -194,10 +194,11 @@ and their access rules, and DIR/client.conf for applications. It then prints
 the two commands that start the broker and the agent. Running it again
 rewrites everything but the authority.
 
-The agent logs one line per event on stdout. Its first names the authority
-it issues from and, with --broker-config or --client-cafile, that the broker
-trusts it; it prints "daxo-agent: ready" once it serves. SIGINT and SIGTERM stop it; SIGUSR1 prints its registry of
-clients as JSON.
+The agent logs one line per event on stdout. On a first start it says that
+it created a certificate authority; then it names the authority it issues
+from and, with --broker-config or --client-cafile, that the broker trusts
+it; it prints "daxo-agent: ready" once it serves. SIGINT and SIGTERM stop
+it; SIGUSR1 prints its registry of clients as JSON.
 
 Given a COMMAND, daxo-agent sends it to the agent that runs with the same
 control socket, prints the one-line JSON answer and exits with 0 when the

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 
 namespace daxo_agent {
 namespace {
@@ -39,10 +40,10 @@ std::string MetricLine(json_object* metric, int nameWidth) {
   std::string value = Member(metric, "value");
   value = millis <= 0 ? "-" : type == "string" ? "\"" + value + "\"" : RoundedValue(value);
   if (!unit.empty()) value += " (" + unit + ")";
-  char line[512];
-  std::snprintf(line, sizeof line, "    %-*s  %-32s %s\n", nameWidth,
-                Member(metric, "name").c_str(), value.c_str(), LocalTime(millis).c_str());
-  return line;
+  std::string name = Member(metric, "name");
+  name.resize(std::max(name.size(), static_cast<std::size_t>(nameWidth)), ' ');
+  value.resize(std::max(value.size(), std::size_t{32}), ' ');
+  return "    " + name + "  " + value + " " + LocalTime(millis) + "\n";
 }
 
 }  // namespace
@@ -52,12 +53,9 @@ std::string RoundedValue(const std::string& text) {
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
   bool decimal = text.find_first_of(".eE") != std::string::npos;
   if (ec != std::errc() || end != text.data() + text.size() || !decimal) return text;
-  char rounded[64];
-  std::snprintf(rounded, sizeof rounded, "%.2f", value);
-  std::string result = rounded;
-  result.erase(result.find_last_not_of('0') + 1);
-  if (result.back() == '.') result.pop_back();
-  return result == "-0" ? "0" : result;
+  char rounded[32];
+  std::snprintf(rounded, sizeof rounded, "%.6g", value);
+  return std::string_view(rounded) == "-0" ? "0" : rounded;
 }
 
 std::string RegistryText(json_object* registry) {

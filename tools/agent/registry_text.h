@@ -12,8 +12,8 @@ namespace daxo_agent {
 // Lines ending in '\n'; the registry's "clients" member is read, the rest ignored.
 std::string RegistryText(json_object* registry);
 
-// A decimal value with at most two decimals and no trailing zeros; any other
-// text as it is.
+// A decimal value to six significant digits (5.5099999999999998 is 5.51,
+// 0.004 stays 0.004); any other text as it is.
 std::string RoundedValue(const std::string& text);
 
 }  // namespace daxo_agent
