@@ -19,6 +19,17 @@ install(TARGETS daxo-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT
 if(TARGET daxoctl)
   install(TARGETS daxoctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()
+# Under a prefix of its own (cmake --install --prefix /opt/daxo) the dynamic
+# loader does not look in the prefix's lib: the programs look beside
+# themselves. Under /usr (the Debian packages) the system's paths serve.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  foreach(program daxo-agent daxoctl)
+    if(TARGET ${program})
+      set_target_properties(${program} PROPERTIES
+        INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    endif()
+  endforeach()
+endif()
 
 install(EXPORT daxoclientTargets NAMESPACE daxoclient:: DESTINATION ${DAXO_CMAKE_DIR}
   COMPONENT development)
