@@ -7,6 +7,8 @@
 # version, and no installed binary may keep a RUNPATH.
 #
 # usage: install_test.sh CMAKE BUILD_DIR EXAMPLE_SOURCE C_COMPILER
+#        install_test.sh - PREFIX EXAMPLE_SOURCE C_COMPILER
+# The second form checks a tree installed already (the packages in /usr).
 set -eu
 cmake=$1 build=$2 example=$3 cc=$4
 
@@ -20,12 +22,15 @@ mkdir -p "$base"
 work=$(mktemp -d "$base/install.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-
-"$cmake" --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
-  { cat "$work/install.log"; fail "cmake --install"; }
+if [ "$cmake" = - ]; then
+  cmake=cmake prefix=$build
+else
+  "$cmake" --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+    { cat "$work/install.log"; fail "cmake --install"; }
+fi
 
 # The layout: the real file, its SONAME link and the development link.
-real=$(find "$prefix" -name 'libdaxoclient.so.*.*.*' -type f)
+real=$(find "$prefix" -name 'libdaxoclient.so.*.*.*' -type f | head -n 1)
 [ -n "$real" ] || fail "no libdaxoclient.so.X.Y.Z under $prefix"
 libdir=$(dirname "$real")
 [ -L "$libdir/libdaxoclient.so.1" ] || fail "no libdaxoclient.so.1 link"
@@ -92,7 +97,7 @@ echo "versions: library $library_version, pkg-config $pc_version, CMake package 
 
 # Installed binaries find their libraries through the system's paths: a
 # RUNPATH left over from the build would point into a folder that is gone.
-for binary in "$real" "$prefix"/bin/*; do
+for binary in "$real" "$prefix"/bin/daxo*; do
   if runpath=$(readelf -d "$binary" | grep -E '\((RPATH|RUNPATH)\)'); then
     fail "$binary carries $runpath"
   fi
