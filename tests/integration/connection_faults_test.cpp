@@ -22,7 +22,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <ostream>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -160,36 +159,25 @@ class SlowLink {
   std::thread thread_;
 };
 
-struct SlowLinkCase {
-  std::chrono::seconds hold, bound;
-};
+using SlowLinkTest = LibraryTest;
 
-void PrintTo(const SlowLinkCase& c, std::ostream* out) {
-  *out << "held " << c.hold.count() << " s, bound " << c.bound.count() << " s";
+TEST_F(SlowLinkTest, ConnectsThoughEveryHandshakeIsHeld) {
+  for (auto [hold, bound] : {std::pair{3s, 30s}, {10s, 60s}}) {
+    SCOPED_TRACE("held " + std::to_string(hold.count()) + " s");
+    TestEnvironment env;
+    SlowLink link(env.MainPort(), hold);
+    LibraryClient c(env, {.mainPort = link.Port()});
+    ASSERT_EQ(DAXO_ProvisionClient(c), DAXO_Error_Success);
+    ASSERT_EQ(c.Code("provision"), DAXO_Error_Success);
+    const Clock::time_point start = Clock::now();
+    ASSERT_EQ(DAXO_Connect(c), DAXO_Error_Success);
+    const int connected = c.Next("connect", bound).code;
+    EXPECT_EQ(connected, DAXO_Error_Success);
+    std::printf("held %llds: OnConnect %d after %.1f s; %d connections through the link\n",
+                static_cast<long long>(hold.count()), connected,
+                std::chrono::duration<double>(Clock::now() - start).count(), link.Connections());
+  }
 }
-
-class SlowLinkTest : public LibraryTest, public ::testing::WithParamInterface<SlowLinkCase> {};
-
-TEST_P(SlowLinkTest, ConnectsThoughEveryHandshakeIsHeld) {
-  TestEnvironment env;
-  SlowLink link(env.MainPort(), GetParam().hold);
-  LibraryClient c(env, {.mainPort = link.Port()});
-  ASSERT_EQ(DAXO_ProvisionClient(c), DAXO_Error_Success);
-  ASSERT_EQ(c.Code("provision"), DAXO_Error_Success);
-  const Clock::time_point start = Clock::now();
-  ASSERT_EQ(DAXO_Connect(c), DAXO_Error_Success);
-  const int connected = c.Next("connect", GetParam().bound).code;
-  EXPECT_EQ(connected, DAXO_Error_Success);
-  std::printf("held %llds: OnConnect %d after %.1f s; %d connections through the link\n",
-              static_cast<long long>(GetParam().hold.count()), connected,
-              std::chrono::duration<double>(Clock::now() - start).count(), link.Connections());
-}
-
-INSTANTIATE_TEST_SUITE_P(, SlowLinkTest,
-                         ::testing::Values(SlowLinkCase{3s, 30s}, SlowLinkCase{10s, 60s}),
-                         [](const auto& info) {
-                           return "Held" + std::to_string(info.param.hold.count()) + "s";
-                         });
 
 // Pushes from another thread while the application reconnects: none may be
 // written on a connection still being set up, which the broker would see as
