@@ -164,7 +164,7 @@ Figures PushThroughRestarts(const std::string& storeLines, int seconds, int rest
   return f;
 }
 
-class PushStoreTest : public LibraryTest {};
+using PushStoreTest = LibraryTest;
 using OutageTest = LibraryTest;
 using SoakTest = LibraryTest;
 
