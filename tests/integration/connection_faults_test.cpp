@@ -1,7 +1,7 @@
 // Faults in a connection's life that used to hang the application or never
-// end: a link slower than the first grace, a deprovisioning that meets a
-// disconnection, and a broker that comes and goes while the application
-// pushes and reconnects at random from its callbacks.
+// end: a link slower than the first grace, pushes racing reconnections, and a
+// broker that comes and goes while the application pushes and reconnects at
+// random from its callbacks.
 // DAXO_CHAOS_SECONDS sets the length of the last (20 by default).
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +22,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <ostream>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -161,99 +159,24 @@ class SlowLink {
   std::thread thread_;
 };
 
-struct SlowLinkCase {
-  std::chrono::seconds hold, bound;
-};
+using SlowLinkTest = LibraryTest;
 
-void PrintTo(const SlowLinkCase& c, std::ostream* out) {
-  *out << "held " << c.hold.count() << " s, bound " << c.bound.count() << " s";
-}
-
-class SlowLinkTest : public LibraryTest, public ::testing::WithParamInterface<SlowLinkCase> {};
-
-TEST_P(SlowLinkTest, ConnectsThoughEveryHandshakeIsHeld) {
-  TestEnvironment env;
-  SlowLink link(env.MainPort(), GetParam().hold);
-  LibraryClient c(env, {.mainPort = link.Port()});
-  ASSERT_EQ(DAXO_ProvisionClient(c), DAXO_Error_Success);
-  ASSERT_EQ(c.Code("provision"), DAXO_Error_Success);
-  const Clock::time_point start = Clock::now();
-  ASSERT_EQ(DAXO_Connect(c), DAXO_Error_Success);
-  const int connected = c.Next("connect", GetParam().bound).code;
-  EXPECT_EQ(connected, DAXO_Error_Success);
-  std::printf("held %llds: OnConnect %d after %.1f s; %d connections through the link\n",
-              static_cast<long long>(GetParam().hold.count()), connected,
-              std::chrono::duration<double>(Clock::now() - start).count(), link.Connections());
-}
-
-INSTANTIATE_TEST_SUITE_P(, SlowLinkTest,
-                         ::testing::Values(SlowLinkCase{3s, 30s}, SlowLinkCase{10s, 60s}),
-                         [](const auto& info) {
-                           return "Held" + std::to_string(info.param.hold.count()) + "s";
-                         });
-
-// Holds the network thread between the broker's acknowledgement of a
-// deprovisioning and its completion, for longer than the watch thread's
-// one-second tick, while the application disconnects: the completion, the
-// disconnection and the watch thread then meet in every round instead of
-// once in a while.
-class DeprovisioningClient : public LibraryClient {
- public:
-  explicit DeprovisioningClient(TestEnvironment& env) : LibraryClient(env) {
-    DAXO_LogCallbackSet(*this, [](DAXO_Client*, const char* line, void* self) {
-      DeprovisioningClient& c = As<DeprovisioningClient>(self);
-      c.Record("log", 0, line);
-      if (std::strstr(line, "received PUBCOMP") != nullptr && c.armed_.exchange(false)) {
-        c.Record("acknowledged", 0);
-        std::unique_lock lock(c.mutex_);
-        c.disconnecting_.wait_for(lock, 5s, [&] { return c.inDisconnect_; });
-        lock.unlock();
-        std::this_thread::sleep_for(1200ms);
-      }
-    });
+TEST_F(SlowLinkTest, ConnectsThoughEveryHandshakeIsHeld) {
+  for (auto [hold, bound] : {std::pair{3s, 30s}, {10s, 60s}}) {
+    SCOPED_TRACE("held " + std::to_string(hold.count()) + " s");
+    TestEnvironment env;
+    SlowLink link(env.MainPort(), hold);
+    LibraryClient c(env, {.mainPort = link.Port()});
+    ASSERT_EQ(DAXO_ProvisionClient(c), DAXO_Error_Success);
+    ASSERT_EQ(c.Code("provision"), DAXO_Error_Success);
+    const Clock::time_point start = Clock::now();
+    ASSERT_EQ(DAXO_Connect(c), DAXO_Error_Success);
+    const int connected = c.Next("connect", bound).code;
+    EXPECT_EQ(connected, DAXO_Error_Success);
+    std::printf("held %llds: OnConnect %d after %.1f s; %d connections through the link\n",
+                static_cast<long long>(hold.count()), connected,
+                std::chrono::duration<double>(Clock::now() - start).count(), link.Connections());
   }
-
-  void Arm() {
-    std::lock_guard lock(mutex_);
-    inDisconnect_ = false;
-    armed_ = true;
-  }
-  void Disconnecting() {
-    std::lock_guard lock(mutex_);
-    inDisconnect_ = true;
-    disconnecting_.notify_all();
-  }
-
- private:
-  std::atomic<bool> armed_{false};
-  std::mutex mutex_;
-  std::condition_variable disconnecting_;
-  bool inDisconnect_ = false;
-};
-
-using DeprovisioningTest = LibraryTest;
-
-TEST_F(DeprovisioningTest, ADisconnectionAsTheDeprovisioningCompletesNeitherHangsNorLosesIt) {
-  TestEnvironment env;
-  auto c = std::make_unique<DeprovisioningClient>(env);
-  for (int round = 1; round <= 5; ++round) {
-    SCOPED_TRACE("round " + std::to_string(round));
-    ASSERT_TRUE(c->ProvisionAndConnect());
-    c->Arm();
-    ASSERT_EQ(DAXO_DeprovisionClient(*c), DAXO_Error_Success);
-    ASSERT_EQ(c->Code("acknowledged"), 0);
-    std::optional<DAXO_Error> disconnected = Bounded("DAXO_Disconnect", 20s, [c = c.get()] {
-      c->Disconnecting();
-      return DAXO_Disconnect(*c);
-    });
-    if (!disconnected) return (void)c.release();
-    EXPECT_EQ(*disconnected, DAXO_Error_Success);
-    EXPECT_EQ(c->Code("deprovision"), 0);
-    EXPECT_EQ(c->Code("disconnect"), DAXO_Error_Success);
-    EXPECT_EQ(c->Next("deprovision", 0s).code, LibraryClient::kNone) << "completed twice";
-    EXPECT_TRUE(fs::is_empty(c->CertFolder()));
-  }
-  DeleteWithin(c);
 }
 
 // Pushes from another thread while the application reconnects: none may be

@@ -1,11 +1,10 @@
 // `daxo-agent init` as a developer uses it. Every integration test already
-// starts its broker and agent from the lines init prints; here, init's
-// client configuration serves an application, and the agent refuses to
-// issue certificates that the broker would not trust.
+// starts its broker and agent from the lines init prints (and the examples'
+// test runs an application with init's client configuration); here, the
+// agent refuses to issue certificates that the broker would not trust.
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "environment.h"
@@ -31,23 +30,6 @@ std::vector<std::string> PrintedAgentCommand(const TestEnvironment& env) {
       argv.push_back(word);
   }
   return argv;
-}
-
-TEST(DevEnvironmentTest, ItsClientConfigurationServesAnApplication) {
-  TestEnvironment env;
-  std::string log = (env.Folder() / "minimal_push.log").string();
-  ExitStatus run =
-      RunCommand({DAXO_MINIMAL_PUSH_PATH, (env.Folder() / "client.conf").string()}, log, 60s);
-  EXPECT_TRUE(run.Clean()) << run.Describe() << "\n" << Read(log);
-
-  std::string values = (env.Folder() / "values.log").string();
-  ASSERT_TRUE(
-      RunCommand({DAXO_AGENT_PATH, "--state", (env.Folder() / "agent-state").string(), "values"},
-                 values)
-          .Clean());
-  EXPECT_TRUE(
-      std::regex_search(Read(values), std::regex(" 21\\.5 .* \\d{4}-\\d\\d-\\d\\d \\d\\d:")))
-      << Read(values);
 }
 
 TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {

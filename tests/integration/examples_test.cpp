@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 #include <regex>
 
 #include "environment.h"
@@ -29,9 +30,10 @@ TEST(ExamplesTest, RunAgainstTheAgent) {
   };
   ChildProcess push[2], handler, demo;
 
-  // The second run finds the stored identity: AlreadyProvisioned is success.
-  // The provisioning connection's log lines may come first.
-  std::string pushConfig = config(), client = "client ";
+  // With the configuration `daxo-agent init` wrote; the second run finds the
+  // stored identity: AlreadyProvisioned is success. The provisioning
+  // connection's log lines may come first.
+  std::string pushConfig = (env.Folder() / "client.conf").string(), client = "client ";
   for (ChildProcess& run : push) {
     run.Start({DAXO_MINIMAL_PUSH_PATH, pushConfig}, log);
     std::string out = ended(run);
@@ -40,6 +42,15 @@ TEST(ExamplesTest, RunAgainstTheAgent) {
     EXPECT_TRUE(at != out.npos && out.find("\npushed 21.5 to metric ") != out.npos) << out;
     client = out.substr(at, out.find('\n', at) - at + 1);  // and the second run's is the same
   }
+  std::string values = (env.Folder() / "values.log").string();
+  ASSERT_TRUE(
+      RunCommand({DAXO_AGENT_PATH, "--state", (env.Folder() / "agent-state").string(), "values"},
+                 values)
+          .Clean());
+  std::ifstream valuesFile(values);
+  std::string stored((std::istreambuf_iterator<char>(valuesFile)), {});
+  EXPECT_TRUE(std::regex_search(stored, std::regex(" 21\\.5 .* \\d{4}-\\d\\d-\\d\\d \\d\\d:")))
+      << stored;
 
   handler.Start({DAXO_SENSOR_JOB_HANDLER_PATH, config(), "10"}, log);
   auto printed = [&](const std::string& text) {
@@ -73,6 +84,32 @@ TEST(ExamplesTest, RunAgainstTheAgent) {
                            "0 still waiting")))
       << readings;
   ended(handler);  // by itself once its time is up, and cleanly
+}
+
+// examples/reuse_sensor.c keeps one sensor and one metric across restarts:
+// a run after the first finds them at the agent instead of creating new ones.
+TEST(ExamplesTest, ReuseSensorFindsTheSensorAndMetricOfItsFirstRun) {
+  TestEnvironment env;
+  std::string config = env.WriteClientConfig({.certFolder = env.NewCertFolder()});
+  std::string log = (env.Folder() / "reuse_sensor.log").string(), first;
+  for (const char* how : {"created", "reused"}) {
+    ChildProcess program;
+    program.Start({DAXO_REUSE_SENSOR_PATH, config}, log);
+    std::optional<ExitStatus> status = program.WaitForExit(seconds(90));
+    // The library's log lines go to the same output, between the program's own.
+    std::string out = Joined(program.Lines());
+    EXPECT_TRUE(status && status->Clean()) << out;
+    std::smatch sensor, metric;
+    ASSERT_TRUE(std::regex_search(out, sensor, std::regex("\nsensor (\\S+) (\\S+)\n")) &&
+                std::regex_search(out, metric, std::regex("\nmetric (\\S+) (\\S+)\n")))
+        << out;
+    EXPECT_EQ(sensor[2].str() + " " + metric[2].str(), std::string(how) + " " + how) << out;
+    EXPECT_NE(out.find("\npushed 64.5 to metric " + metric[1].str() + "\n"), out.npos) << out;
+    std::string ids = sensor[1].str() + " " + metric[1].str();
+    EXPECT_EQ(ids, first.empty() ? ids : first);
+    first = ids;
+  }
+  EXPECT_EQ(env.AgentPushes().size(), 2u);
 }
 
 }  // namespace

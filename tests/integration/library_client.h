@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -51,11 +52,14 @@ class LibraryClient {
   const std::string& ConfigFile() const { return configFile_; }
   std::string Id() const { return Str(DAXO_GetClientId(client_), ""); }
 
+  // A consumed event is forgotten, so that a long run that takes its events keeps nothing.
   Event Next(const std::string& name, std::chrono::seconds timeout = std::chrono::seconds(20)) {
     std::unique_lock lock(mutex_);
-    size_t& next = consumed_[name];
-    if (!changed_.wait_for(lock, timeout, [&] { return events_[name].size() > next; })) return {};
-    return events_[name][next++];
+    std::deque<Event>& queue = events_[name];
+    if (!changed_.wait_for(lock, timeout, [&] { return !queue.empty(); })) return {};
+    Event next = std::move(queue.front());
+    queue.pop_front();
+    return next;
   }
   int Code(const std::string& name) { return Next(name).code; }
   bool WaitForLog(const std::string& text) {
@@ -156,8 +160,7 @@ class LibraryClient {
   DAXO_Client* client_ = nullptr;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::map<std::string, std::vector<Event>> events_;
-  std::map<std::string, size_t> consumed_;
+  std::map<std::string, std::deque<Event>> events_;
 };
 
 // Suites of tests that use the library, which is initialised once for them.

@@ -4,9 +4,11 @@
 # find_package(daxoclient): both programs must link against the installed
 # library and run (a missing argument makes the example exit with 2). The
 # library's DAXO_GetVersion, the .pc file and the CMake package must name one
-# version, and installed programs must find the library relative to themselves.
+# version, and installed programs must find the library without help.
 #
 # usage: install_test.sh CMAKE BUILD_DIR EXAMPLE_SOURCE C_COMPILER
+#        install_test.sh - PREFIX EXAMPLE_SOURCE C_COMPILER
+# The second form checks a tree installed already (the packages in /usr).
 set -eu
 cmake=$1 build=$2 example=$3 cc=$4
 
@@ -20,12 +22,15 @@ mkdir -p "$base"
 work=$(mktemp -d "$base/install.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-
-"$cmake" --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
-  { cat "$work/install.log"; fail "cmake --install"; }
+if [ "$cmake" = - ]; then
+  cmake=cmake prefix=$build
+else
+  "$cmake" --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+    { cat "$work/install.log"; fail "cmake --install"; }
+fi
 
 # The layout: the real file, its SONAME link and the development link.
-real=$(find "$prefix" -name 'libdaxoclient.so.*.*.*' -type f)
+real=$(find "$prefix" -name 'libdaxoclient.so.*.*.*' -type f | head -n 1)
 [ -n "$real" ] || fail "no libdaxoclient.so.X.Y.Z under $prefix"
 libdir=$(dirname "$real")
 [ -L "$libdir/libdaxoclient.so.1" ] || fail "no libdaxoclient.so.1 link"
@@ -90,15 +95,18 @@ echo "versions: library $library_version, pkg-config $pc_version, CMake package 
 [ -n "$library_version" ] && [ "$library_version" = "$pc_version" ] &&
   [ "$library_version" = "$cmake_version" ] || fail "the versions differ"
 
-# Installed programs find the library beside them, wherever the prefix is:
-# a RUNPATH left over from the build would point into a folder that is gone.
+# A RUNPATH left over from the build would point into a folder that is gone.
+# Under /usr (the packages) the system's paths serve; under a prefix of its
+# own a program finds the library beside itself.
 if runpath=$(readelf -d "$real" | grep -E '\((RPATH|RUNPATH)\)'); then
   fail "$real carries $runpath"
 fi
-for binary in "$prefix"/bin/*; do
+for binary in "$prefix"/bin/daxo*; do
   runpath=$(readelf -d "$binary" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
-  case $runpath in
-    '$ORIGIN/../lib'*) ;;
+  case $prefix:$runpath in
+    /usr:) ;;
+    /usr:*) fail "$binary carries RUNPATH '$runpath'" ;;
+    *:'$ORIGIN/../lib'*) ;;
     *) fail "$binary carries RUNPATH '$runpath', not one relative to itself" ;;
   esac
   env -u LD_LIBRARY_PATH "$binary" --help >/dev/null 2>&1 || fail "$binary --help does not run"

@@ -1,8 +1,8 @@
 // The exported operations and the transport's handlers, each run while one
 // allocation after another fails: a documented code, nothing half sent, no
 // leak (the asan preset), and the client still usable afterwards. The
-// requests, the container Adds, DAXO_NewClient and CreateCSR have their own
-// loops (requests_test, client_test, open_ssl_connector_test).
+// requests, the container Adds and DAXO_NewClient have their own loops
+// (requests_test, client_test); CreateCSR runs under the provisioning loop.
 #include <gtest/gtest.h>
 
 #include <filesystem>

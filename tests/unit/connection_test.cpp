@@ -202,9 +202,6 @@ TEST_F(FakeClientTest, SendMapsThePublishResult) {
   FakeMqtt& fake = Connected();
   const std::pair<int, DAXO_Error> cases[] = {
       {MOSQ_ERR_SUCCESS, DAXO_Error_Success},
-      {MOSQ_ERR_NOMEM, DAXO_Error_NoMemory},
-      {MOSQ_ERR_PROTOCOL, DAXO_Error_WrongProtocol},
-      {MOSQ_ERR_INVAL, DAXO_Error_InvalidArguments},
       {MOSQ_ERR_NO_CONN, DAXO_Error_NoConnectionToServer},
       {MOSQ_ERR_PAYLOAD_SIZE, DAXO_Error_PayloadSize},
       {MOSQ_ERR_TLS, DAXO_Error_Unknown},

@@ -41,19 +41,13 @@ TEST(CreateCSR, TheRequestIsSignedByTheReturnedKeyAndCarriesTheFixedFields) {
             Shell("openssl pkey -pubout -in " + keyFile));
 }
 
-TEST(Sha256, MatchesKnownDigestsAndWritesNothingBeyond) {
-  for (auto [text, digest] :
-       {std::pair{std::string(),
-                  "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
-        std::pair{std::string("abc"),
-                  "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        std::pair{std::string(1000000, 'a'),
-                  "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}}) {
-    char out[80];
-    memset(out, 'X', sizeof out);
-    sha256(text.data(), out);
-    EXPECT_EQ(std::string(out) + out[65], std::string(digest) + 'X');
-  }
+// The digest is libcrypto's; the hex text and its end are the library's.
+TEST(Sha256, WritesTheDigestInLowerCaseHexAndNothingBeyond) {
+  char abc[] = "abc", out[80];
+  memset(out, 'X', sizeof out);
+  sha256(abc, out);
+  EXPECT_EQ(std::string(out) + out[65],
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015adX");
 }
 
 TEST(ReadCertificateCN, TakesTheFirstCommonNameOrSaysWhyNot) {
@@ -77,42 +71,6 @@ TEST(ReadCertificateCN, TakesTheFirstCommonNameOrSaysWhyNot) {
   }
   EXPECT_STREQ(ReadCertificateCN("", nullptr),
                "NULL or empty Argument/s are passed to the function");
-}
-
-}  // namespace
-
-#include "alloc_failure.h"
-
-namespace {
-
-// One key made once: a fresh RSA key per injected failure would take minutes.
-EVP_PKEY* SameKey(BIGNUM*) {
-  static EVP_PKEY* key = EVP_RSA_gen(2048);
-  EVP_PKEY_up_ref(key);
-  return key;
-}
-
-TEST(CreateCSR, EveryFailedAllocationReleasesWhatWasMade) {
-  SameKey(nullptr);  // made outside the armed region
-  alloc_failure::ForEachAllocationFailure(
-      [] {
-        char *request = nullptr, *key = nullptr;
-        long length = 0;
-        const char* failure =
-            CreateCSRInternal("IOT-Client", "QuellborneGmbH", &request, &length, &key, SameKey);
-        // libcrypto absorbs some failures; a success must still be whole.
-        bool whole = request != nullptr && key != nullptr &&
-                     length == static_cast<long>(strlen(request));
-        free(request), free(key);  // ASan reports anything else left behind
-        return std::pair{failure, whole};
-      },
-      [](std::pair<const char*, bool> result, long n, bool fired) {
-        auto [failure, whole] = result;
-        EXPECT_TRUE(failure != nullptr || whole) << n;
-        if (!fired) {
-          EXPECT_EQ(failure, nullptr) << n;
-        }
-      });
 }
 
 }  // namespace
