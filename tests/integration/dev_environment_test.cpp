@@ -15,14 +15,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::string Read(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 std::vector<std::string> PrintedAgentCommand(const TestEnvironment& env) {
-  std::istringstream printed(Read(env.Folder() / "init.out"));
+  std::istringstream printed(ReadText(env.Folder() / "init.out"));
   std::vector<std::string> argv;
   for (std::string line; argv.empty() && std::getline(printed, line);) {
     std::istringstream words(line);
@@ -38,7 +32,7 @@ TEST(DevEnvironmentTest, TheAgentStartsOnlyWhenTheBrokerTrustsItsAuthority) {
   std::string other = (env.Folder() / "other").string();
   ASSERT_TRUE(RunCommand({DAXO_AGENT_PATH, "init", other}, other + ".log").Clean());
   const std::vector<std::string> printed = PrintedAgentCommand(env);
-  ASSERT_FALSE(printed.empty()) << Read(env.Folder() / "init.out");
+  ASSERT_FALSE(printed.empty()) << ReadText(env.Folder() / "init.out");
   // Hand-written broker configurations: a cafile belongs to the listener it follows.
   auto config = [&](const std::string& name, const std::string& text) {
     fs::create_directories((env.Folder() / name).parent_path());

@@ -327,6 +327,12 @@ void TestEnvironment::IssueClientCertificate(const std::string& certFolder,
   fs::rename(certFolder + "/cert.key", certFolder + "/priv_key.key");
 }
 
+std::string ReadText(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
 sockaddr_in Loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;

@@ -38,6 +38,9 @@ enum class BrokerIdentity {
 // The loopback address at port (0: any free port).
 sockaddr_in Loopback(int port);
 
+// The whole content of a file; empty when it cannot be read.
+std::string ReadText(const std::filesystem::path& path);
+
 class TestEnvironment {
  public:
   // Throws std::runtime_error when a step fails or a bounded wait runs out.

@@ -28,15 +28,9 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::string ReadFile(const fs::path& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
-
 // The stored certificate's common name; "" unless the stored key is its key.
 std::string MatchingCommonName(const std::string& folder) {
-  std::string pem = ReadFile(folder + "/cert.crt") + ReadFile(folder + "/priv_key.key");
+  std::string pem = ReadText(folder + "/cert.crt") + ReadText(folder + "/priv_key.key");
   BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
   X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
   EVP_PKEY* key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
@@ -145,11 +139,11 @@ TEST_F(LibraryTest, RenewsItsCertificateAndAuthority) {
   fs::copy_file(env.CaFile(), caCopy);
   LibraryClient c(env, {.caFile = caCopy});
   ASSERT_TRUE(c.ProvisionAndConnect());
-  std::string id = c.Id(), before = ReadFile(c.CertFolder() + "/cert.crt");
+  std::string id = c.Id(), before = ReadText(c.CertFolder() + "/cert.crt");
   DAXO_OnConnect onConnect = c->OnConnect;
   ASSERT_EQ(CheckClientCertificateExpirationDate(c, OnRenewal), DAXO_Error_Success);
   ASSERT_EQ(c.Next("renewal", std::chrono::seconds(30)).code, DAXO_Error_Success);
-  EXPECT_NE(ReadFile(c.CertFolder() + "/cert.crt"), before);
+  EXPECT_NE(ReadText(c.CertFolder() + "/cert.crt"), before);
   EXPECT_EQ(MatchingCommonName(c.CertFolder()), id);
   EXPECT_EQ(c->OnConnect, onConnect) << "the application's OnConnect is back";
   EXPECT_EQ(c.Next("connect", {}).code, LibraryClient::kNone) << "and was not called";
@@ -159,7 +153,7 @@ TEST_F(LibraryTest, RenewsItsCertificateAndAuthority) {
   // way back is a new identity.
   ASSERT_EQ(DAXO_Disconnect(c), DAXO_Error_Success);
   ASSERT_EQ(c.Code("disconnect"), DAXO_Error_Success);
-  std::string cert = ReadFile(c.CertFolder() + "/cert.crt");
+  std::string cert = ReadText(c.CertFolder() + "/cert.crt");
   env.IssueClientCertificate(c.CertFolder(), {.commonName = "someone-else"});
   std::ofstream(c.CertFolder() + "/cert.crt") << cert;
   EXPECT_EQ(DAXO_Connect(c), DAXO_Error_WrongCertificateFile);
@@ -172,9 +166,9 @@ TEST_F(LibraryTest, RenewsItsCertificateAndAuthority) {
   ASSERT_EQ(CheckCAExpirationDate(c, OnRenewal), DAXO_Error_Success);
   ASSERT_EQ(c.Next("renewal", std::chrono::seconds(30)).code, DAXO_Error_Success);
   // The new authority first, the old one after it while it is valid.
-  std::string oldCa = ReadFile(env.CaFile()),
-              newCa = ReadFile(env.Folder() / "agent-state" / "ca.crt");
-  EXPECT_EQ(ReadFile(caCopy), newCa + oldCa);
+  std::string oldCa = ReadText(env.CaFile()),
+              newCa = ReadText(env.Folder() / "agent-state" / "ca.crt");
+  EXPECT_EQ(ReadText(caCopy), newCa + oldCa);
   EXPECT_EQ(c->OnConnect, onConnect);
   EXPECT_EQ(c.Next("connect", {}).code, LibraryClient::kNone);
   EXPECT_EQ(c.Code("disconnect"), DAXO_Error_Success) << "an authority change is not hidden";
