@@ -806,22 +806,28 @@ DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* se
  *     which opens the store; DAXO_Error_InvalidArguments, with nothing
  *     kept, for a sensor id holding "/", "+" or "#".
  *   - Kept pushes are sent only while connected, and only after the agent
- *     has answered a connection check on that connection; oldest first, at
- *     most 64 awaiting their answer at a time, new pushes behind the
- *     backlog. Pushes unanswered when a connection is lost, or for 10 s
- *     while connected (the library then checks the connection, every 2 s
- *     until answered, and resends them once that check is answered), are
- *     sent again.
- *   - Guarantee: every kept push reaches the agent at least once, in the
- *     order of the pushes of its sensor, or is reported through
- *     OnPushDropped. A push arrives twice only when the agent stored it but
- *     its answer was lost with a connection. This relies on the agent
- *     handling the messages of a client in the order they arrive, across
- *     its topics, and answering in that order.
+ *     has answered a connection check on that connection; oldest first,
+ *     new pushes behind the backlog, in batches of at most 64, each
+ *     followed by a connection check of the library's; the next batch
+ *     waits for that check's answer. A batch whose check is unanswered for
+ *     10 s while connected (the library then checks the connection every
+ *     2 s until answered), or whose connection is lost, is sent again.
+ *   - Guarantee: every kept push reaches the agent at least once, or is
+ *     reported through OnPushDropped. A push arrives twice only when a
+ *     push, an answer or a check of its batch was lost: when the check's
+ *     answer comes, a sensor with fewer answers than pushes in the batch
+ *     has all of them sent again, since answers cannot tell which one was
+ *     lost; its pushes then arrive out of order too. This relies on the
+ *     agent handling the messages of a client in the order they arrive,
+ *     across its topics, and answering in that order.
  *   - Every push gets one OnPushMetricValues, an error answer included,
- *     matched in order per sensor; an answer that matches no kept push (a
- *     duplicate's) is logged and not delivered. The library's own
- *     connection checks are answered to it, not to OnCheckConnection.
+ *     matched in order per sensor, called once the check after its batch
+ *     is answered and proves it: the application is never told of a push
+ *     that is then sent again. An answer that matches no push awaiting
+ *     one is logged and not delivered. Connection checks, the library's
+ *     and DAXO_CheckConnection's (sent at QoS 0 among the pushes, so that
+ *     they keep their place), are answered to their sender in the order
+ *     they were sent; the library's never reach OnCheckConnection.
  *   - When the store is full, "drop-oldest" (the default) drops the oldest
  *     pushes to make room, "refuse" refuses the new one. A memory store's
  *     pushes are dropped by DAXO_DeleteClient and by the completion of a

@@ -8,8 +8,17 @@
 // again by itself on the next connection, before the agent has subscribed
 // again; the broker then drops them, or, once the store had sent them too,
 // they would arrive twice. The agent's answer, not the broker's
-// acknowledgement, ends a push, so a QoS 0 message lost with its connection
-// costs nothing but its resend.
+// acknowledgement, ends a push.
+//
+// Answers carry only the sensor id, so a lost push cannot be told from the
+// answer of a later one of its sensor. Pushes therefore go in batches, each
+// followed by a connection check, its fence; the next batch waits for the
+// fence's answer. The agent handles messages in the order they arrive, so
+// when the fence is answered every push of the batch has been answered or
+// lost: a sensor with as many answers as pushes is delivered, and the
+// application hears of those answers then; the others' pushes go again.
+// Checks go on the same QoS 0 path, the application's too, so that they
+// keep their place among the pushes.
 #include "push_store.h"
 
 #include <cstdlib>
@@ -23,18 +32,17 @@ namespace {
 
 using daxo::MutexLock;
 
-// Pushes handed to the connection and not answered: enough to keep the
-// agent busy, few enough that a long backlog leaves room for the
-// application's other requests.
-constexpr int kWindow = 64;
-// Pushes or a check unanswered for this long while connected: the agent
-// may have gone, and what it did not answer is sent again once it answers
-// a check.
+// Pushes in a batch: enough to keep the agent busy, few enough that a long
+// backlog leaves room for the application's other requests.
+constexpr int kBatch = 64;
+// A fence unanswered for this long while connected: the agent may have
+// gone, and the batch is sent again once it answers a check.
 constexpr long long kQuietMs = 10000;
-// A check unanswered for this long is taken as lost (sent before the agent
-// had subscribed again, or while it was away) and sent again. Only the
-// last one is counted as the library's: an answer to a lost one cannot
-// come, and counting them would withhold the application's own answers.
+// A check unanswered for this long, the agent not known to hear, is taken
+// as lost (sent before the agent had subscribed again, or while it was
+// away) and sent again; the checks sent before it are taken as lost too,
+// else an answer that cannot come would shift every later one onto the
+// wrong owner.
 constexpr long long kCheckRetryMs = 2000;
 
 constexpr char kCheckPayload[] = "{\"request\":\"CheckProvisioning\"}";
@@ -52,22 +60,28 @@ bool PublishNow(DAXO_Client* client, const char* topic, const char* payload, int
          MOSQ_ERR_SUCCESS;
 }
 
-void SendCheck(DAXO_Client* client, PushStoreTag* store) noexcept {
+bool SendCheck(DAXO_Client* client, PushStoreTag* store) noexcept {
   daxo::CStr topic = daxo::Format("/%s/%s/ping", daxo::kApiVersion, client->clientId);
-  if (!topic || !PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1)) return;
-  store->checksOut++;
+  if (!topic || !PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1))
+    return false;
+  if (store->fenceOut) store->appChecksBefore = std::exchange(store->appChecksAfter, 0);
+  store->fenceOut = true;
   store->checkSentMs = daxo::NowMs();
+  return true;
 }
 
+// Sends the next batch and its fence, once the last fence is answered.
 void Pump(DAXO_Client* client, PushStoreTag* store) noexcept {
-  while (store->online && store->ready && store->inFlight < kWindow) {
+  if (!store->online || !store->ready || store->fenceOut) return;
+  while (store->inFlight < kBatch) {
     while (store->unsent != nullptr && store->unsent->dropped) store->unsent = store->unsent->next;
     KeptPush* push = store->unsent;
-    if (push == nullptr || !PublishNow(client, push->topic, push->payload, push->length)) return;
+    if (push == nullptr || !PublishNow(client, push->topic, push->payload, push->length)) break;
     push->sentMs = daxo::NowMs();
     store->inFlight++;
     store->unsent = push->next;
   }
+  if (store->inFlight > 0) SendCheck(client, store);
 }
 
 // Unlinks push, whose predecessor is prev (null: the head).
@@ -89,6 +103,7 @@ void Rewind(PushStoreTag* store) noexcept {
   for (KeptPush* push = store->head; push != nullptr;) {
     KeptPush* next = push->next;
     push->sentMs = 0;
+    push->answered = push->unproven = false;
     if (push->dropped) {
       Unlink(store, prev, push);
       free(push);
@@ -99,6 +114,51 @@ void Rewind(PushStoreTag* store) noexcept {
   }
   store->inFlight = 0;
   store->unsent = store->head;
+}
+
+// The batch's fence is answered: each sensor whose pushes all have their
+// answer is delivered (its pushes moved to *delivered, in order, for the
+// application to hear of), the others' pushes go again. Returns how many.
+int Settle(PushStoreTag* store, KeptPush** delivered) noexcept {
+  for (KeptPush* p = store->head; p != store->unsent; p = p->next) {
+    p->unproven = false;
+    for (KeptPush* q = store->head; q != store->unsent && !p->unproven; q = q->next)
+      p->unproven = !q->answered && strcmp(q->sensorId, p->sensorId) == 0;
+  }
+  KeptPush** last = delivered;
+  int again = 0;
+  daxo::BeginWrite(store);  // the deletes in one transaction; each stands alone otherwise
+  KeptPush* prev = nullptr;
+  for (KeptPush* p = store->head; p != nullptr && p->sentMs != 0;) {
+    KeptPush* next = p->next;
+    if (p->unproven && !p->dropped) {
+      again++;
+      prev = p;
+    } else {
+      if (!p->dropped) daxo::DeleteRow(store, p);
+      Unlink(store, prev, p);
+      if (p->dropped || p->unproven) {
+        free(p);
+      } else {
+        p->next = nullptr;
+        *last = p;
+        last = &p->next;
+      }
+    }
+    p = next;
+  }
+  daxo::EndWrite(store, true);
+  Rewind(store);
+  return again;
+}
+
+void Deliver(DAXO_Client* client, KeptPush* delivered) noexcept {
+  DAXO_OnPushMetricValues callback = daxo::Get(client->OnPushMetricValues);
+  while (delivered != nullptr) {
+    KeptPush* p = std::exchange(delivered, delivered->next);
+    if (callback != nullptr) callback(client, client->callbackParameter, p->sensorId, p->code);
+    free(p);
+  }
 }
 
 // Drops reported to the application once the store's mutex is released:
@@ -323,43 +383,65 @@ DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topi
   return DAXO_Error_Success;
 }
 
-bool StoreAnswered(DAXO_Client* client, const char* sensorId) noexcept {
+void StoreAnswered(DAXO_Client* client, const char* sensorId, DAXO_ApiError code) noexcept {
   PushStoreTag* store = StoreOf(client);
-  if (store == nullptr) return true;
-  bool deliver = false, matched = false;
+  if (store == nullptr) return;
+  bool matched = false;
   {
     MutexLock lock(&store->mutex);
-    KeptPush* prev = nullptr;
-    for (KeptPush* p = store->head; p != nullptr; prev = p, p = p->next) {
-      if (strcmp(p->sensorId, sensorId) != 0) continue;
-      matched = true;
-      deliver = !p->dropped;
-      if (deliver) DeleteRow(store, p);
-      Unlink(store, prev, p);
-      free(p);
+    for (KeptPush* p = store->head; p != store->unsent; p = p->next) {
+      if (p->answered || strcmp(p->sensorId, sensorId) != 0) continue;
+      p->answered = matched = true;
+      p->code = code;
       break;
     }
-    Pump(client, store);
   }
   if (!matched)
     LogFormat(client, "Push store: an answer for sensor %s matches no kept push", sensorId);
-  return deliver;
 }
 
 bool StoreCheckAnswered(DAXO_Client* client) noexcept {
   PushStoreTag* store = StoreOf(client);
   if (store == nullptr) return false;
-  MutexLock lock(&store->mutex);
-  if (store->checksOut == 0) return false;
-  store->checksOut--;
-  if (!store->ready) {
-    // The agent handles messages in order: what it had not answered before
-    // this check never reached it.
-    store->ready = true;
-    Rewind(store);
+  KeptPush* delivered = nullptr;
+  int again = 0;
+  {
+    MutexLock lock(&store->mutex);
+    if (store->appChecksBefore > 0) {
+      store->appChecksBefore--;
+      return false;
+    }
+    if (!store->fenceOut) {
+      if (store->appChecksAfter > 0) store->appChecksAfter--;
+      return false;
+    }
+    store->fenceOut = false;
+    store->appChecksBefore = std::exchange(store->appChecksAfter, 0);
+    if (store->ready) {
+      again = Settle(store, &delivered);
+    } else {
+      // What it had not answered before this check never reached it.
+      store->ready = true;
+      Rewind(store);
+    }
     Pump(client, store);
   }
+  if (again > 0)
+    LogFormat(client, "Push store: %d push%s of a batch with a lost push sent again", again,
+              again == 1 ? "" : "es");
+  Deliver(client, delivered);
   return true;
+}
+
+DAXO_Error StoreCheck(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  MutexLock lock(&store->mutex);
+  daxo::CStr topic = daxo::Format("/%s/%s/ping", daxo::kApiVersion, client->clientId);
+  if (!topic) return DAXO_Error_NoMemory;
+  if (!PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1))
+    return DAXO_Error_NoConnectionToServer;
+  (store->fenceOut ? store->appChecksAfter : store->appChecksBefore)++;
+  return DAXO_Error_Success;
 }
 
 void StoreOnline(DAXO_Client* client) noexcept {
@@ -368,9 +450,10 @@ void StoreOnline(DAXO_Client* client) noexcept {
   MutexLock lock(&store->mutex);
   store->online = true;
   store->ready = false;
-  // What was sent on the last connection stays marked sent: its answers
-  // may still come, until the check is answered.
-  store->checksOut = 0;
+  // What was sent on the last connection stays marked sent until the check
+  // is answered; no answer to a check sent on it can come.
+  store->appChecksBefore = store->appChecksAfter = 0;
+  store->fenceOut = false;
   SendCheck(client, store);
 }
 
@@ -392,20 +475,16 @@ void SuperviseStore(DAXO_Client* client) noexcept {
     Pump(client, store);  // what the transport could not take before
     long long now = NowMs();
     if (store->ready) {
-      const KeptPush* oldest = store->head;
-      while (oldest != nullptr && oldest != store->unsent && oldest->sentMs == 0)
-        oldest = oldest->next;
-      if (oldest == nullptr || oldest->sentMs == 0 || now - oldest->sentMs < kQuietMs) return;
+      if (!store->fenceOut || now - store->checkSentMs < kQuietMs) return;
       store->ready = false;
       quiet = true;
       SendCheck(client, store);
-    } else if (store->checksOut == 0 || now - store->checkSentMs >= kCheckRetryMs) {
-      store->checksOut = 0;
+    } else if (!store->fenceOut || now - store->checkSentMs >= kCheckRetryMs) {
       SendCheck(client, store);
     }
   }
   if (quiet)
-    LogFormat(client, "Push store: pushes unanswered for %lld s; checking the agent hears",
+    LogFormat(client, "Push store: a batch unanswered for %lld s; checking the agent hears",
               kQuietMs / 1000);
 }
 

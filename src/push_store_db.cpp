@@ -164,4 +164,18 @@ void DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept {
   sqlite3_reset(remove);
 }
 
+bool BeginWrite(PushStoreTag* store) noexcept {
+  return !store->db ||
+         sqlite3_exec(store->db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+bool EndWrite(PushStoreTag* store, bool commit) noexcept {
+  if (!store->db) return true;
+  if (commit && sqlite3_exec(store->db.get(), "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK)
+    return true;
+  // Without a transaction open (BEGIN failed) this does nothing.
+  sqlite3_exec(store->db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+  return false;
+}
+
 }  // namespace daxo
