@@ -172,19 +172,23 @@ struct DropReport {
   std::unique_ptr<DropGroup, daxo::CFree<free>> block;
 };
 
-// Drops the n oldest pushes (those whose answer may still come are marked,
-// the others freed). NoMemory, with nothing changed, when the report
-// cannot be made.
-DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcept {
-  if (n == 0) return DAXO_Error_Success;
+// Room for the report of dropping the n oldest pushes; false when memory
+// runs out.
+bool AllocateReport(const PushStoreTag* store, size_t n, DropReport* report) noexcept {
   size_t names = 0, seen = 0;
-  for (KeptPush* p = store->head; p != nullptr && seen < n; p = p->next) {
+  for (const KeptPush* p = store->head; p != nullptr && seen < n; p = p->next) {
     if (p->dropped) continue;
     names += strlen(p->sensorId) + 1;
     seen++;
   }
   report->block.reset(static_cast<DropGroup*>(malloc(n * sizeof(DropGroup) + names)));
-  if (!report->block) return DAXO_Error_NoMemory;
+  return report->block != nullptr;
+}
+
+// Drops the n oldest pushes from memory, their rows already deleted (those
+// whose answer may still come are marked, the others freed), into the
+// report allocated for them.
+void ApplyDrops(PushStoreTag* store, size_t n, DropReport* report) noexcept {
   DropGroup* groups = report->block.get();
   char* text = reinterpret_cast<char*>(groups + n);
   KeptPush* prev = nullptr;
@@ -201,7 +205,6 @@ DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcep
     }
     groups[g - 1].count++;
     n--;
-    daxo::DeleteRow(store, p);
     if (p->sentMs != 0) {
       // Its answer is still to come and must not be taken for a later one's.
       store->count--;
@@ -215,7 +218,6 @@ DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcep
     }
     p = next;
   }
-  return DAXO_Error_Success;
 }
 
 void Report(DAXO_Client* client, const DropReport& report, DAXO_PushDropReason reason) noexcept {
@@ -244,13 +246,30 @@ long long ToDrop(const PushStoreTag* store, size_t bytes) noexcept {
   return n;
 }
 
-// Makes room for push under the policy, then keeps it.
+// Makes room for push under the policy, then keeps it. The file's deletes
+// and insert are one transaction, and memory follows only once it is
+// committed: a failed write drops nothing.
 DAXO_Error Keep(PushStoreTag* store, KeptPush* push, DropReport* report) noexcept {
   long long n = ToDrop(store, push->bytes);
   if (n < 0 || (n > 0 && store->policy == PushStoreRefuse)) return DAXO_Error_PushStoreFull;
-  if (DAXO_Error err = DropOldest(store, static_cast<size_t>(n), report); err != DAXO_Error_Success)
+  auto drop = static_cast<size_t>(n);
+  if (drop > 0 && !AllocateReport(store, drop, report)) return DAXO_Error_NoMemory;
+  DAXO_Error err = daxo::BeginWrite(store);
+  if (err != DAXO_Error_Success) return err;
+  size_t left = drop;
+  for (KeptPush* p = store->head; p != nullptr && left > 0 && err == DAXO_Error_Success;
+       p = p->next) {
+    if (p->dropped) continue;
+    err = daxo::DeleteRow(store, p);
+    left--;
+  }
+  if (err == DAXO_Error_Success) err = daxo::InsertRow(store, push);
+  if (err == DAXO_Error_Success) err = daxo::EndWrite(store, true);
+  if (err != DAXO_Error_Success) {
+    daxo::EndWrite(store, false);
     return err;
-  if (DAXO_Error err = daxo::InsertRow(store, push); err != DAXO_Error_Success) return err;
+  }
+  if (drop > 0) ApplyDrops(store, drop, report);
   daxo::AppendKept(store, push);
   return DAXO_Error_Success;
 }
@@ -376,6 +395,9 @@ DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topi
     if (err == DAXO_Error_PushStoreFull)
       LogFormat(client, "Push store full (%d bytes): push to sensor %s refused",
                 client->pushStoreMaxBytes, sensorId);
+    else
+      LogFormat(client, "Push store: push to sensor %s not kept, nothing dropped (%s)", sensorId,
+                DAXO_ErrorName(err));
     return err;
   }
   Report(client, report, DAXO_PushDrop_StoreFull);
@@ -502,7 +524,9 @@ void DropMemoryStore(DAXO_Client* client) noexcept {
   size_t unreported = 0;
   {
     MutexLock lock(&store->mutex);
-    if (DropOldest(store, store->count, &report) != DAXO_Error_Success) {
+    if (store->count > 0 && AllocateReport(store, store->count, &report)) {
+      ApplyDrops(store, store->count, &report);
+    } else if (store->count > 0) {
       // Without memory for the report the pushes still go, logged as one run.
       unreported = store->count;
       FreeKept(store);

@@ -69,10 +69,12 @@ DbOpen OpenDatabase(const DAXO_Client* client, PushStoreTag* store) noexcept;
 DAXO_Error LoadRows(PushStoreTag* store) noexcept;
 // Writes a push, setting its row; the transaction is committed on return.
 DAXO_Error InsertRow(PushStoreTag* store, KeptPush* push) noexcept;
-void DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept;
-// BEGIN IMMEDIATE and COMMIT (or ROLLBACK); true in a memory store.
-bool BeginWrite(PushStoreTag* store) noexcept;
-bool EndWrite(PushStoreTag* store, bool commit) noexcept;
+// A row that cannot be deleted once its push is answered is sent again
+// after a restart: a duplicate, never a loss.
+DAXO_Error DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept;
+// BEGIN IMMEDIATE, and COMMIT (or ROLLBACK); Success in a memory store.
+DAXO_Error BeginWrite(PushStoreTag* store) noexcept;
+DAXO_Error EndWrite(PushStoreTag* store, bool commit) noexcept;
 
 // A push of that size in one block; null when memory runs out.
 KeptPush* NewKeptPush(const char* sensorId, size_t sensorLength, const char* topic,

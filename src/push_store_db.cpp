@@ -22,6 +22,11 @@ constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS pushes(id INTEGER PRIMARY KEY, sensor TEXT NOT NULL,"
     " topic TEXT NOT NULL, payload BLOB NOT NULL)";
 
+DAXO_Error Written(int rc) noexcept {
+  if (rc == SQLITE_OK) return DAXO_Error_Success;
+  return (rc & 0xff) == SQLITE_NOMEM ? DAXO_Error_NoMemory : DAXO_Error_PushStoreUnusable;
+}
+
 bool Corrupt(int rc) noexcept {
   rc &= 0xff;
   return rc == SQLITE_CORRUPT || rc == SQLITE_NOTADB;
@@ -148,34 +153,32 @@ DAXO_Error InsertRow(PushStoreTag* store, KeptPush* push) noexcept {
   int rc = sqlite3_step(insert);
   sqlite3_reset(insert);
   sqlite3_clear_bindings(insert);
-  if (rc != SQLITE_DONE)
-    return rc == SQLITE_NOMEM ? DAXO_Error_NoMemory : DAXO_Error_PushStoreUnusable;
+  if (rc != SQLITE_DONE) return Written(rc);
   push->row = sqlite3_last_insert_rowid(store->db.get());
   return DAXO_Error_Success;
 }
 
-void DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept {
-  if (!store->db || push->row == 0) return;
+DAXO_Error DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept {
+  if (!store->db || push->row == 0) return DAXO_Error_Success;
   sqlite3_stmt* remove = store->remove.get();
   sqlite3_bind_int64(remove, 1, push->row);
-  // A row that cannot be deleted is sent again after a restart: a
-  // duplicate, never a loss.
-  sqlite3_step(remove);
+  int rc = sqlite3_step(remove);
   sqlite3_reset(remove);
+  return Written(rc == SQLITE_DONE ? SQLITE_OK : rc);
 }
 
-bool BeginWrite(PushStoreTag* store) noexcept {
-  return !store->db ||
-         sqlite3_exec(store->db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+DAXO_Error BeginWrite(PushStoreTag* store) noexcept {
+  if (!store->db) return DAXO_Error_Success;
+  return Written(sqlite3_exec(store->db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
 }
 
-bool EndWrite(PushStoreTag* store, bool commit) noexcept {
-  if (!store->db) return true;
-  if (commit && sqlite3_exec(store->db.get(), "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK)
-    return true;
+DAXO_Error EndWrite(PushStoreTag* store, bool commit) noexcept {
+  if (!store->db) return DAXO_Error_Success;
+  int rc = commit ? sqlite3_exec(store->db.get(), "COMMIT", nullptr, nullptr, nullptr) : SQLITE_OK;
   // Without a transaction open (BEGIN failed) this does nothing.
-  sqlite3_exec(store->db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-  return false;
+  if (!commit || rc != SQLITE_OK)
+    sqlite3_exec(store->db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+  return commit ? Written(rc) : DAXO_Error_Success;
 }
 
 }  // namespace daxo

@@ -6,6 +6,7 @@
 
 #include "client_fixture.h"
 #include "fake_time.h"
+#include "push_store.h"
 
 namespace {
 
@@ -235,6 +236,30 @@ TEST_F(PushStoreTest, AFullStoreFollowsItsPolicy) {
     EXPECT_EQ(Sent(fake), c.sent);
   }
   EXPECT_EQ(Push(std::string(600, 'x'), 0), DAXO_Error_PushStoreFull) << "larger than the store";
+}
+
+// A file that cannot take the new push (full disk, I/O error) after the
+// drops that made room for it: the push is refused and nothing is dropped,
+// in the file or in memory.
+TEST_F(PushStoreTest, AFailedWriteDropsNothing) {
+  std::string db = dir / "pushes.db";
+  Remake("PushStore " + db + "\n");
+  client->pushStoreMaxBytes = 500;  // three of these pushes
+  Connected();
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(Push("a", i), DAXO_Error_Success);
+  ASSERT_EQ(sqlite3_exec(client->pushStore->db.get(),
+                         "CREATE TEMP TRIGGER full BEFORE INSERT ON pushes"
+                         " BEGIN SELECT RAISE(ABORT, 'disk full'); END",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  EXPECT_EQ(Push("a", 3), DAXO_Error_PushStoreUnusable);
+  EXPECT_EQ(Waiting(), 3u);
+  EXPECT_EQ(Calls(), "");
+  DAXO_DeleteClient(client);
+  client = nullptr;
+  Remake("PushStore " + db + "\n");
+  Connected();
+  EXPECT_EQ(Waiting(), 3u) << "the rows the insert would have replaced are still there";
 }
 
 // A memory store ends with its client; a file keeps what it holds for the
