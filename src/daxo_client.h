@@ -572,10 +572,10 @@ DAXO_EXPORT DAXO_Error DAXO_PushDroppedCallbackSet(DAXO_Client* client,
  * DAXO_Error_CreatePrivateKey, DAXO_Error_TlsSetFailed,
  * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
  * DAXO_Error_Unknown, and the reasons of DAXO_Connect when the connection
- * fails inside the call. Outcomes: DAXO_Error_Success, the broker's
- * refusal, DAXO_Error_WrongReply (a certificate that is not one or is not
- * for the client's key: nothing is stored), DAXO_Error_CreateCertificate,
- * DAXO_Error_CertifcateFolderPath,
+ * fails inside the call, DAXO_Error_PushStoreUnusable included. Outcomes:
+ * DAXO_Error_Success, the broker's refusal, DAXO_Error_WrongReply (a
+ * certificate that is not one or is not for the client's key: nothing is
+ * stored), DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
  * DAXO_Error_ReadCertificateCN, DAXO_Error_NoBackendConnection,
  * DAXO_Error_CertificateRequest, DAXO_Error_ClientProvision, a reason the
  * connection never came up (see DAXO_OnDisconnect), DAXO_Error_Unknown. */
@@ -623,7 +623,9 @@ DAXO_EXPORT DAXO_Error DAXO_ResetIdentity(DAXO_Client* client) DAXO_NOEXCEPT;
  * DAXO_Error_BrokerCertificateRefused, DAXO_Error_ClientCertificateRefused,
  * DAXO_Error_TlsConnection. Other results: DAXO_Error_InvalidArguments for a
  * null or unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed
- * (the certificate files cannot be used), DAXO_Error_Errno,
+ * (the certificate files cannot be used), DAXO_Error_PushStoreUnusable (the
+ * push store's file cannot be opened or written, see PushStore; nothing is
+ * connected), DAXO_Error_Errno,
  * DAXO_Error_NoThreadSupport, DAXO_Error_Unknown or DAXO_Error_Success. */
 DAXO_EXPORT DAXO_Error DAXO_Connect(DAXO_Client* client) DAXO_NOEXCEPT;
 
