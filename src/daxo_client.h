@@ -406,10 +406,12 @@ typedef enum DAXO_PushDropReasonTag {
   DAXO_PushDrop_OtherIdentity = 4
 } DAXO_PushDropReason;
 
-/* Kept pushes of sensor sensorId (count of them, oldest first) were dropped
- * and will never be sent; none of them reaches OnPushMetricValues.
- * sensorId is null with DAXO_PushDrop_StoreCorrupt and
- * DAXO_PushDrop_OtherIdentity. Runs on the thread
+/* Kept pushes of sensor sensorId (count of them, oldest first) were dropped:
+ * none of them is sent again or reaches OnPushMetricValues, but one already
+ * sent may have reached the agent. sensorId is null with
+ * DAXO_PushDrop_StoreCorrupt and DAXO_PushDrop_OtherIdentity, and when
+ * memory for naming the sensors ran out (count is then the total of every
+ * sensor's). Runs on the thread
  * whose call caused the drop: the application's for DAXO_PushMetricValues,
  * DAXO_Connect and DAXO_DeleteClient, the network thread for a
  * deprovisioning's completion. */

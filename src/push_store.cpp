@@ -527,15 +527,19 @@ void DropMemoryStore(DAXO_Client* client) noexcept {
     if (store->count > 0 && AllocateReport(store, store->count, &report)) {
       ApplyDrops(store, store->count, &report);
     } else if (store->count > 0) {
-      // Without memory for the report the pushes still go, logged as one run.
+      // Without memory to name the sensors the pushes still go, reported as one run.
       unreported = store->count;
       FreeKept(store);
       store->count = store->bytes = 0;
       store->inFlight = 0;
     }
   }
-  if (unreported != 0)
+  if (unreported != 0) {
     LogFormat(client, "Push store: %zu pushes dropped (the client ended)", unreported);
+    if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
+      onDropped(client, client->callbackParameter, nullptr, static_cast<int>(unreported),
+                DAXO_PushDrop_ClientEnded);
+  }
   Report(client, report, DAXO_PushDrop_ClientEnded);
 }
 
