@@ -47,6 +47,8 @@ constexpr long long kCheckRetryMs = 2000;
 
 constexpr char kCheckPayload[] = "{\"request\":\"CheckProvisioning\"}";
 
+pthread_mutex_t gOpenMutex = PTHREAD_MUTEX_INITIALIZER;
+
 PushStoreTag* StoreOf(const DAXO_Client* client) noexcept {
   return __atomic_load_n(&client->pushStore, __ATOMIC_ACQUIRE);
 }
@@ -330,44 +332,59 @@ void AppendKept(PushStoreTag* store, KeptPush* push) noexcept {
 }
 
 DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
-  if (client->pushStorePath == nullptr || StoreOf(client) != nullptr) return DAXO_Error_Success;
-  auto* store = new (std::nothrow) PushStoreTag{};
-  if (store == nullptr) return DAXO_Error_NoMemory;
-  store->maxBytes = static_cast<size_t>(client->pushStoreMaxBytes);
-  store->policy = client->pushStorePolicy;
-  if (strcmp(client->pushStorePath, "memory") != 0) {
-    DbOpen opened = OpenDatabase(client, store);
-    if (opened.err == DAXO_Error_Success) opened.err = LoadRows(store);
-    if (opened.err != DAXO_Error_Success) {
-      LogFormat(client, "Push store %s cannot be used: %s", client->pushStorePath, opened.why);
-      FreeKept(store);
-      delete store;
-      return opened.err;
+  if (client->pushStorePath == nullptr) return DAXO_Error_Success;
+  DbOpen opened{DAXO_Error_Success, false, {}};
+  int foreign = 0;
+  size_t kept = 0;
+  bool persistent = strcmp(client->pushStorePath, "memory") != 0;
+  {
+    // Two DAXO_Connect at once must not both open the file: the loser
+    // could move aside the file the winner has open.
+    MutexLock open(&gOpenMutex);
+    if (PushStoreTag* store = StoreOf(client)) {
+      // The identity may have changed since (deprovisioned, provisioned anew).
+      if (!store->db) return DAXO_Error_Success;
+      MutexLock lock(&store->mutex);
+      foreign = DropForeign(client, store);
+    } else {
+      auto* made = new (std::nothrow) PushStoreTag{};
+      if (made == nullptr) return DAXO_Error_NoMemory;
+      made->maxBytes = static_cast<size_t>(client->pushStoreMaxBytes);
+      made->policy = client->pushStorePolicy;
+      if (persistent) {
+        opened = OpenDatabase(client, made);
+        if (opened.err == DAXO_Error_Success) opened.err = LoadRows(made);
+        if (opened.err == DAXO_Error_Success) foreign = DropForeign(client, made);
+      }
+      if (opened.err != DAXO_Error_Success) {
+        FreeKept(made);
+        delete made;
+      } else {
+        kept = made->count;
+        pthread_mutex_init(&made->mutex, nullptr);
+        __atomic_store_n(&client->pushStore, made, __ATOMIC_RELEASE);
+      }
     }
-    if (int foreign = DropForeign(client, store); foreign > 0) {
-      LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
-                client->pushStorePath, foreign, foreign == 1 ? "" : "es");
-      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
-        onDropped(client, client->callbackParameter, nullptr, foreign, DAXO_PushDrop_OtherIdentity);
-    }
-    if (opened.movedAside) {
-      LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);
-      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
-        onDropped(client, client->callbackParameter, nullptr, 0, DAXO_PushDrop_StoreCorrupt);
-    }
-    if (store->count > 0)
-      LogFormat(client, "Push store %s: %zu push%s kept from before", client->pushStorePath,
-                store->count, store->count == 1 ? "" : "es");
   }
-  pthread_mutex_init(&store->mutex, nullptr);
-  PushStoreTag* none = nullptr;
-  if (!__atomic_compare_exchange_n(&client->pushStore, &none, store, false, __ATOMIC_ACQ_REL,
-                                   __ATOMIC_ACQUIRE)) {
-    // Another DAXO_Connect opened it meanwhile.
-    FreeKept(store);
-    pthread_mutex_destroy(&store->mutex);
-    delete store;
+  if (opened.err != DAXO_Error_Success) {
+    LogFormat(client, "Push store %s cannot be used: %s", client->pushStorePath, opened.why);
+    return opened.err;
   }
+  DAXO_OnPushDropped onDropped = Get(client->OnPushDropped);
+  if (foreign > 0) {
+    LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
+              client->pushStorePath, foreign, foreign == 1 ? "" : "es");
+    if (onDropped != nullptr)
+      onDropped(client, client->callbackParameter, nullptr, foreign, DAXO_PushDrop_OtherIdentity);
+  }
+  if (opened.movedAside) {
+    LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);
+    if (onDropped != nullptr)
+      onDropped(client, client->callbackParameter, nullptr, 0, DAXO_PushDrop_StoreCorrupt);
+  }
+  if (kept > 0)
+    LogFormat(client, "Push store %s: %zu push%s kept from before", client->pushStorePath, kept,
+              kept == 1 ? "" : "es");
   return DAXO_Error_Success;
 }
 
