@@ -21,6 +21,7 @@
 // keep their place among the pushes.
 #include "push_store.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -300,6 +301,29 @@ int DropForeign(const DAXO_Client* client, PushStoreTag* store) noexcept {
   return dropped;
 }
 
+// A file written under a larger PushStoreMaxBytes: "drop-oldest" drops
+// what is over the bound now, "refuse" keeps it and refuses new pushes
+// until it has drained.
+DAXO_Error Shrink(PushStoreTag* store, DropReport* report) noexcept {
+  long long n = ToDrop(store, 0);
+  if (n <= 0 || store->policy == PushStoreRefuse) return DAXO_Error_Success;
+  auto drop = static_cast<size_t>(n);
+  if (!AllocateReport(store, drop, report)) return DAXO_Error_NoMemory;
+  DAXO_Error err = daxo::BeginWrite(store);
+  size_t left = drop;
+  for (KeptPush* p = store->head; p != nullptr && left > 0 && err == DAXO_Error_Success;
+       p = p->next, left--)
+    err = daxo::DeleteRow(store, p);
+  if (err == DAXO_Error_Success) err = daxo::EndWrite(store, true);
+  if (err != DAXO_Error_Success) {
+    daxo::EndWrite(store, false);
+    report->block.reset();
+    return err;
+  }
+  ApplyDrops(store, drop, report);
+  return DAXO_Error_Success;
+}
+
 void FreeKept(PushStoreTag* store) noexcept {
   for (KeptPush* p = store->head; p != nullptr;) free(std::exchange(p, p->next));
   store->head = store->tail = store->unsent = nullptr;
@@ -334,6 +358,7 @@ void AppendKept(PushStoreTag* store, KeptPush* push) noexcept {
 DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
   if (client->pushStorePath == nullptr) return DAXO_Error_Success;
   DbOpen opened{DAXO_Error_Success, false, {}};
+  DropReport shrunk;
   int foreign = 0;
   size_t kept = 0;
   bool persistent = strcmp(client->pushStorePath, "memory") != 0;
@@ -355,6 +380,10 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
         opened = OpenDatabase(client, made);
         if (opened.err == DAXO_Error_Success) opened.err = LoadRows(made);
         if (opened.err == DAXO_Error_Success) foreign = DropForeign(client, made);
+        if (opened.err == DAXO_Error_Success &&
+            (opened.err = Shrink(made, &shrunk)) != DAXO_Error_Success)
+          snprintf(opened.why, sizeof opened.why,
+                   "what it holds over PushStoreMaxBytes cannot be dropped");
       }
       if (opened.err != DAXO_Error_Success) {
         FreeKept(made);
@@ -382,6 +411,7 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
     if (onDropped != nullptr)
       onDropped(client, client->callbackParameter, nullptr, 0, DAXO_PushDrop_StoreCorrupt);
   }
+  Report(client, shrunk, DAXO_PushDrop_StoreFull);
   if (kept > 0)
     LogFormat(client, "Push store %s: %zu push%s kept from before", client->pushStorePath, kept,
               kept == 1 ? "" : "es");

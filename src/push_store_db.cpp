@@ -51,9 +51,33 @@ DbOpen Prepare(const DAXO_Client* client, PushStoreTag* store) noexcept {
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   SqlitePtr db(raw);
   if (rc != SQLITE_OK) return Failed(raw, rc, "open");
+  // Held for as long as the file is open: a second process (or client)
+  // on the same file would send the same rows. The lock is taken by the
+  // first statement that reads.
+  if ((rc = sqlite3_exec(db.get(), "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr,
+                         nullptr)) != SQLITE_OK)
+    return Failed(db.get(), rc, "lock");
+  sqlite3_stmt* mode = nullptr;
+  rc = sqlite3_prepare_v2(db.get(), "PRAGMA journal_mode=WAL", -1, &mode, nullptr);
+  SqliteStmtPtr ownedMode(mode);
+  if (rc == SQLITE_OK && (rc = sqlite3_step(mode)) == SQLITE_ROW) rc = SQLITE_OK;
+  if (rc == SQLITE_BUSY || rc == SQLITE_LOCKED) {
+    DbOpen r{DAXO_Error_PushStoreUnusable, false, {}};
+    snprintf(r.why, sizeof r.why, "in use by another process (or client)");
+    return r;
+  }
+  if (rc != SQLITE_OK) return Failed(db.get(), rc, "set up");
+  const auto* journal = reinterpret_cast<const char*>(sqlite3_column_text(mode, 0));
+  if (journal == nullptr || strcmp(journal, "wal") != 0) {
+    // synchronous=NORMAL is safe against power cuts only in WAL mode.
+    DbOpen r{DAXO_Error_PushStoreUnusable, false, {}};
+    snprintf(r.why, sizeof r.why, "the file system does not allow WAL mode (journal mode %s)",
+             journal != nullptr ? journal : "unknown");
+    return r;
+  }
+  ownedMode.reset();
   char sql[512];
-  snprintf(sql, sizeof sql,
-           "PRAGMA journal_mode=WAL; PRAGMA synchronous=%s; PRAGMA user_version=1; %s",
+  snprintf(sql, sizeof sql, "PRAGMA synchronous=%s; PRAGMA user_version=1; %s",
            client->pushStoreSync == PushStoreSyncFull ? "FULL" : "NORMAL", kSchema);
   // A write in the first statements: a folder or file the process cannot
   // write fails here rather than at the first push.

@@ -236,6 +236,21 @@ TEST_F(PushStoreTest, AFullStoreFollowsItsPolicy) {
     EXPECT_EQ(Sent(fake), c.sent);
   }
   EXPECT_EQ(Push(std::string(600, 'x'), 0), DAXO_Error_PushStoreFull) << "larger than the store";
+  // A file kept under a larger bound meets the policy when it opens.
+  for (auto [policy, waiting, calls] :
+       {std::tuple{"drop-oldest", 3u, "dropped:ax1:1 "}, {"refuse", 4u, ""}}) {
+    SCOPED_TRACE(policy);
+    std::string db = dir / (std::string(policy) + ".db");
+    Remake("PushStore " + db + "\n");
+    Connected();
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(Push("a", i), DAXO_Error_Success);
+    Remake("PushStore " + db + "\nPushStorePolicy " + policy + "\n");
+    client->pushStoreMaxBytes = 500;
+    Provisioned();
+    ASSERT_EQ(DAXO_Connect(client), DAXO_Error_Success);
+    EXPECT_EQ(Waiting(), waiting);
+    EXPECT_EQ(Calls(), calls);
+  }
 }
 
 // A file that cannot take the new push (full disk, I/O error) after the
@@ -306,6 +321,12 @@ TEST_F(PushStoreTest, ACorruptOrUnwritableStoreIsReportedByConnect) {
   std::filesystem::create_directory(dir / "ro");
   chmod((dir / "ro").c_str(), 0500);
   std::string corrupt = dir.Write("corrupt.db", std::string(8192, 'x'));
+  std::string held = dir / "held.db";  // as by a second process pushing with the same file
+  sqlite3* holder = nullptr;
+  ASSERT_EQ(sqlite3_open(held.c_str(), &holder), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(holder, "PRAGMA locking_mode=EXCLUSIVE; CREATE TABLE t(x)", nullptr,
+                         nullptr, nullptr),
+            SQLITE_OK);
   const struct {
     std::string path;
     DAXO_Error err;
@@ -315,6 +336,7 @@ TEST_F(PushStoreTest, ACorruptOrUnwritableStoreIsReportedByConnect) {
       {dir / "absent/pushes.db", DAXO_Error_PushStoreUnusable, "unable to open database file", ""},
       {corrupt, DAXO_Error_Success, "the file was corrupt; moved to " + corrupt + ".corrupt-",
        "dropped:nullx0:3 "},
+      {held, DAXO_Error_PushStoreUnusable, "in use by another process", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
@@ -328,6 +350,7 @@ TEST_F(PushStoreTest, ACorruptOrUnwritableStoreIsReportedByConnect) {
     EXPECT_NE(all.find(c.log), std::string::npos) << all;
     EXPECT_EQ(Calls(), c.calls);
   }
+  sqlite3_close(holder);
 }
 
 // Out of memory while keeping a push: the push is kept whole or refused
