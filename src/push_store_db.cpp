@@ -34,6 +34,10 @@ bool Corrupt(int rc) noexcept {
 
 DbOpen Failed(sqlite3* db, int rc, const char* doing) noexcept {
   DbOpen r{Corrupt(rc) ? DAXO_Error_Success : DAXO_Error_PushStoreUnusable, false, {}};
+  if ((rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED) {
+    snprintf(r.why, sizeof r.why, "%s: in use by another process (or client)", doing);
+    return r;
+  }
   int e = errno;
   snprintf(r.why, sizeof r.why, "%s: %s (errno %d, %s)", doing,
            db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc), e, strerror(e));
@@ -61,11 +65,6 @@ DbOpen Prepare(const DAXO_Client* client, PushStoreTag* store) noexcept {
   rc = sqlite3_prepare_v2(db.get(), "PRAGMA journal_mode=WAL", -1, &mode, nullptr);
   SqliteStmtPtr ownedMode(mode);
   if (rc == SQLITE_OK && (rc = sqlite3_step(mode)) == SQLITE_ROW) rc = SQLITE_OK;
-  if (rc == SQLITE_BUSY || rc == SQLITE_LOCKED) {
-    DbOpen r{DAXO_Error_PushStoreUnusable, false, {}};
-    snprintf(r.why, sizeof r.why, "in use by another process (or client)");
-    return r;
-  }
   if (rc != SQLITE_OK) return Failed(db.get(), rc, "set up");
   const auto* journal = reinterpret_cast<const char*>(sqlite3_column_text(mode, 0));
   if (journal == nullptr || strcmp(journal, "wal") != 0) {
