@@ -15,12 +15,12 @@
 // One push waiting for its answer, in one allocation with its texts.
 struct KeptPush {
   KeptPush* next;
-  sqlite3_int64 row;  // its row in the database; 0 in a memory store
-  long long sentMs;   // when it was handed to the connection; 0: not on this connection
-  size_t bytes;       // counted against the bound; 0 once dropped
-  bool dropped;       // dropped while its answer was awaited: the answer is still matched
-  bool answered;      // an answer came for it; it counts once the fence after it is answered
-  bool unproven;      // a push of its sensor in its batch has no answer: the batch goes again
+  sqlite3_int64 row;   // its row in the database; 0 in a memory store
+  long long sentMs;    // when it was handed to the connection; 0: not on this connection
+  size_t bytes;        // counted against the bound; 0 once dropped
+  bool dropped;        // dropped while its answer was awaited: the answer is still matched
+  bool answered;       // an answer came for it; it counts once the fence after it is answered
+  bool unproven;       // a push of its sensor in its batch has no answer: the batch goes again
   DAXO_ApiError code;  // the agent's answer
   char* sensorId;
   char* topic;

@@ -58,8 +58,8 @@ DbOpen Prepare(const DAXO_Client* client, PushStoreTag* store) noexcept {
   // Held for as long as the file is open: a second process (or client)
   // on the same file would send the same rows. The lock is taken by the
   // first statement that reads.
-  if ((rc = sqlite3_exec(db.get(), "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr,
-                         nullptr)) != SQLITE_OK)
+  if ((rc = sqlite3_exec(db.get(), "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr)) !=
+      SQLITE_OK)
     return Failed(db.get(), rc, "lock");
   sqlite3_stmt* mode = nullptr;
   rc = sqlite3_prepare_v2(db.get(), "PRAGMA journal_mode=WAL", -1, &mode, nullptr);

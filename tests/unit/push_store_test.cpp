@@ -1,3 +1,5 @@
+#include "push_store.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -6,7 +8,6 @@
 
 #include "client_fixture.h"
 #include "fake_time.h"
-#include "push_store.h"
 
 namespace {
 
