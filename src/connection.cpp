@@ -200,6 +200,11 @@ namespace daxo {
 DAXO_Error CheckConnection(DAXO_Client* client) noexcept {
   CStr topic = Format("/%s/%s/ping", daxo::kApiVersion, client->clientId);
   if (!topic) return DAXO_Error_NoMemory;
+  if (PushStoreOn(client)) {
+    DAXO_Error err = StoreCheck(client);
+    if (err == DAXO_Error_Success) LogPayload(client, "SendMessage", nullptr, kCheckPayload);
+    return err;
+  }
   return SendMessageToAgent(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1, nullptr);
 }
 

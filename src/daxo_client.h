@@ -406,10 +406,12 @@ typedef enum DAXO_PushDropReasonTag {
   DAXO_PushDrop_OtherIdentity = 4
 } DAXO_PushDropReason;
 
-/* Kept pushes of sensor sensorId (count of them, oldest first) were dropped
- * and will never be sent; none of them reaches OnPushMetricValues.
- * sensorId is null with DAXO_PushDrop_StoreCorrupt and
- * DAXO_PushDrop_OtherIdentity. Runs on the thread
+/* Kept pushes of sensor sensorId (count of them, oldest first) were dropped:
+ * none of them is sent again or reaches OnPushMetricValues, but one already
+ * sent may have reached the agent. sensorId is null with
+ * DAXO_PushDrop_StoreCorrupt and DAXO_PushDrop_OtherIdentity, and when
+ * memory for naming the sensors ran out (count is then the total of every
+ * sensor's). Runs on the thread
  * whose call caused the drop: the application's for DAXO_PushMetricValues,
  * DAXO_Connect and DAXO_DeleteClient, the network thread for a
  * deprovisioning's completion. */
@@ -572,10 +574,10 @@ DAXO_EXPORT DAXO_Error DAXO_PushDroppedCallbackSet(DAXO_Client* client,
  * DAXO_Error_CreatePrivateKey, DAXO_Error_TlsSetFailed,
  * DAXO_Error_TlsConnection, DAXO_Error_Errno, DAXO_Error_NoThreadSupport,
  * DAXO_Error_Unknown, and the reasons of DAXO_Connect when the connection
- * fails inside the call. Outcomes: DAXO_Error_Success, the broker's
- * refusal, DAXO_Error_WrongReply (a certificate that is not one or is not
- * for the client's key: nothing is stored), DAXO_Error_CreateCertificate,
- * DAXO_Error_CertifcateFolderPath,
+ * fails inside the call, DAXO_Error_PushStoreUnusable included. Outcomes:
+ * DAXO_Error_Success, the broker's refusal, DAXO_Error_WrongReply (a
+ * certificate that is not one or is not for the client's key: nothing is
+ * stored), DAXO_Error_CreateCertificate, DAXO_Error_CertifcateFolderPath,
  * DAXO_Error_ReadCertificateCN, DAXO_Error_NoBackendConnection,
  * DAXO_Error_CertificateRequest, DAXO_Error_ClientProvision, a reason the
  * connection never came up (see DAXO_OnDisconnect), DAXO_Error_Unknown. */
@@ -623,7 +625,9 @@ DAXO_EXPORT DAXO_Error DAXO_ResetIdentity(DAXO_Client* client) DAXO_NOEXCEPT;
  * DAXO_Error_BrokerCertificateRefused, DAXO_Error_ClientCertificateRefused,
  * DAXO_Error_TlsConnection. Other results: DAXO_Error_InvalidArguments for a
  * null or unprovisioned client, DAXO_Error_NoMemory, DAXO_Error_TlsSetFailed
- * (the certificate files cannot be used), DAXO_Error_Errno,
+ * (the certificate files cannot be used), DAXO_Error_PushStoreUnusable (the
+ * push store's file cannot be opened or written, see PushStore; nothing is
+ * connected), DAXO_Error_Errno,
  * DAXO_Error_NoThreadSupport, DAXO_Error_Unknown or DAXO_Error_Success. */
 DAXO_EXPORT DAXO_Error DAXO_Connect(DAXO_Client* client) DAXO_NOEXCEPT;
 
@@ -806,22 +810,28 @@ DAXO_EXPORT DAXO_Error DAXO_PushMetricValues(DAXO_Client* client, const char* se
  *     which opens the store; DAXO_Error_InvalidArguments, with nothing
  *     kept, for a sensor id holding "/", "+" or "#".
  *   - Kept pushes are sent only while connected, and only after the agent
- *     has answered a connection check on that connection; oldest first, at
- *     most 64 awaiting their answer at a time, new pushes behind the
- *     backlog. Pushes unanswered when a connection is lost, or for 10 s
- *     while connected (the library then checks the connection, every 2 s
- *     until answered, and resends them once that check is answered), are
- *     sent again.
- *   - Guarantee: every kept push reaches the agent at least once, in the
- *     order of the pushes of its sensor, or is reported through
- *     OnPushDropped. A push arrives twice only when the agent stored it but
- *     its answer was lost with a connection. This relies on the agent
- *     handling the messages of a client in the order they arrive, across
- *     its topics, and answering in that order.
+ *     has answered a connection check on that connection; oldest first,
+ *     new pushes behind the backlog, in batches of at most 64, each
+ *     followed by a connection check of the library's; the next batch
+ *     waits for that check's answer. A batch whose check is unanswered for
+ *     10 s while connected (the library then checks the connection every
+ *     2 s until answered), or whose connection is lost, is sent again.
+ *   - Guarantee: every kept push reaches the agent at least once, or is
+ *     reported through OnPushDropped. A push arrives twice only when a
+ *     push, an answer or a check of its batch was lost: when the check's
+ *     answer comes, a sensor with fewer answers than pushes in the batch
+ *     has all of them sent again, since answers cannot tell which one was
+ *     lost; its pushes then arrive out of order too. This relies on the
+ *     agent handling the messages of a client in the order they arrive,
+ *     across its topics, and answering in that order.
  *   - Every push gets one OnPushMetricValues, an error answer included,
- *     matched in order per sensor; an answer that matches no kept push (a
- *     duplicate's) is logged and not delivered. The library's own
- *     connection checks are answered to it, not to OnCheckConnection.
+ *     matched in order per sensor, called once the check after its batch
+ *     is answered and proves it: the application is never told of a push
+ *     that is then sent again. An answer that matches no push awaiting
+ *     one is logged and not delivered. Connection checks, the library's
+ *     and DAXO_CheckConnection's (sent at QoS 0 among the pushes, so that
+ *     they keep their place), are answered to their sender in the order
+ *     they were sent; the library's never reach OnCheckConnection.
  *   - When the store is full, "drop-oldest" (the default) drops the oldest
  *     pushes to make room, "refuse" refuses the new one. A memory store's
  *     pushes are dropped by DAXO_DeleteClient and by the completion of a

@@ -667,11 +667,17 @@ DAXO_Error OpenPushStore(DAXO_Client* client) noexcept;
 // Keeps a push and sends it when the agent can hear it.
 DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topic,
                      const char* payload) noexcept;
-// An answer to a push of sensorId: whether the application is to hear of
-// it (false for a push it was told was dropped).
-bool StoreAnswered(DAXO_Client* client, const char* sensorId) noexcept;
+// Whether the push store is on: it then takes the answers to pushes and
+// tells the application of them once they are proven.
+inline bool PushStoreOn(const DAXO_Client* client) noexcept {
+  return __atomic_load_n(&client->pushStore, __ATOMIC_ACQUIRE) != nullptr;
+}
+// An answer to a push of sensorId, with the agent's code.
+void StoreAnswered(DAXO_Client* client, const char* sensorId, DAXO_ApiError code) noexcept;
 // An answer to a connection check: true when it answered the library's own.
 bool StoreCheckAnswered(DAXO_Client* client) noexcept;
+// The application's connection check, sent in its place among the pushes.
+DAXO_Error StoreCheck(DAXO_Client* client) noexcept;
 // The client's topics are subscribed on a new connection, or it is gone.
 void StoreOnline(DAXO_Client* client) noexcept;
 void StoreOffline(DAXO_Client* client) noexcept;

@@ -68,10 +68,19 @@ constexpr StatusRoute kMetricStatusRoutes[] = {
 
 void StatusReply(const Message& m, const StatusRoute& route, const char* sensorId) noexcept {
   if (m.count != route.count || !m.LevelIs(route.statusLevel + 1, "inbox")) return;
-  if (route.callback == &DAXO_Client::OnPushMetricValues &&
-      (m.LevelIs(route.statusLevel, "info") || m.LevelIs(route.statusLevel, "error")) &&
-      !daxo::StoreAnswered(m.client, sensorId))
+  if (route.callback == &DAXO_Client::OnPushMetricValues && daxo::PushStoreOn(m.client)) {
+    DAXO_ApiError code = DAXO_ApiError_NoError;
+    if (m.LevelIs(route.statusLevel, "error")) {
+      int number = 0;
+      if (!ParseErrorMessage(m.payload, &number, nullptr))
+        LogParseErrorMessage(m.client, m.topic, m.payload);
+      code = GetApiErrorCode(number);
+    }
+    // An unreadable error answer still ends its push.
+    if (m.LevelIs(route.statusLevel, "info") || m.LevelIs(route.statusLevel, "error"))
+      daxo::StoreAnswered(m.client, sensorId, code);
     return;
+  }
   SensorReply callback = m.client->*route.callback;
   if (m.LevelIs(route.statusLevel, "info")) {
     if (callback != nullptr) callback(m.client, m.Parameter(), sensorId, DAXO_ApiError_NoError);

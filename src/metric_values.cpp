@@ -144,7 +144,9 @@ DAXO_Error PushMetricValues(DAXO_Client* client, const char* sensorId,
           DAXO_Error_Success)
     return err;
   if (client->pushStorePath == nullptr) return Request(client, body.get(), "sensor/%s", sensorId);
-  CStr topic = Format("/%s/%s/sensor/%s", kApiVersion, client->clientId, sensorId);
+  const char* clientId = client->clientId;
+  if (clientId == nullptr) return DAXO_Error_InvalidArguments;
+  CStr topic = Format("/%s/%s/sensor/%s", kApiVersion, clientId, sensorId);
   if (!topic) return DAXO_Error_NoMemory;
   const char* text = Render(body.get(), &err);
   if (text == nullptr) return err;

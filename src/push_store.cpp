@@ -8,10 +8,20 @@
 // again by itself on the next connection, before the agent has subscribed
 // again; the broker then drops them, or, once the store had sent them too,
 // they would arrive twice. The agent's answer, not the broker's
-// acknowledgement, ends a push, so a QoS 0 message lost with its connection
-// costs nothing but its resend.
+// acknowledgement, ends a push.
+//
+// Answers carry only the sensor id, so a lost push cannot be told from the
+// answer of a later one of its sensor. Pushes therefore go in batches, each
+// followed by a connection check, its fence; the next batch waits for the
+// fence's answer. The agent handles messages in the order they arrive, so
+// when the fence is answered every push of the batch has been answered or
+// lost: a sensor with as many answers as pushes is delivered, and the
+// application hears of those answers then; the others' pushes go again.
+// Checks go on the same QoS 0 path, the application's too, so that they
+// keep their place among the pushes.
 #include "push_store.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -23,21 +33,22 @@ namespace {
 
 using daxo::MutexLock;
 
-// Pushes handed to the connection and not answered: enough to keep the
-// agent busy, few enough that a long backlog leaves room for the
-// application's other requests.
-constexpr int kWindow = 64;
-// Pushes or a check unanswered for this long while connected: the agent
-// may have gone, and what it did not answer is sent again once it answers
-// a check.
+// Pushes in a batch: enough to keep the agent busy, few enough that a long
+// backlog leaves room for the application's other requests.
+constexpr int kBatch = 64;
+// A fence unanswered for this long while connected: the agent may have
+// gone, and the batch is sent again once it answers a check.
 constexpr long long kQuietMs = 10000;
-// A check unanswered for this long is taken as lost (sent before the agent
-// had subscribed again, or while it was away) and sent again. Only the
-// last one is counted as the library's: an answer to a lost one cannot
-// come, and counting them would withhold the application's own answers.
+// A check unanswered for this long, the agent not known to hear, is taken
+// as lost (sent before the agent had subscribed again, or while it was
+// away) and sent again; the checks sent before it are taken as lost too,
+// else an answer that cannot come would shift every later one onto the
+// wrong owner.
 constexpr long long kCheckRetryMs = 2000;
 
 constexpr char kCheckPayload[] = "{\"request\":\"CheckProvisioning\"}";
+
+pthread_mutex_t gOpenMutex = PTHREAD_MUTEX_INITIALIZER;
 
 PushStoreTag* StoreOf(const DAXO_Client* client) noexcept {
   return __atomic_load_n(&client->pushStore, __ATOMIC_ACQUIRE);
@@ -52,22 +63,28 @@ bool PublishNow(DAXO_Client* client, const char* topic, const char* payload, int
          MOSQ_ERR_SUCCESS;
 }
 
-void SendCheck(DAXO_Client* client, PushStoreTag* store) noexcept {
+bool SendCheck(DAXO_Client* client, PushStoreTag* store) noexcept {
   daxo::CStr topic = daxo::Format("/%s/%s/ping", daxo::kApiVersion, client->clientId);
-  if (!topic || !PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1)) return;
-  store->checksOut++;
+  if (!topic || !PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1))
+    return false;
+  if (store->fenceOut) store->appChecksBefore = std::exchange(store->appChecksAfter, 0);
+  store->fenceOut = true;
   store->checkSentMs = daxo::NowMs();
+  return true;
 }
 
+// Sends the next batch and its fence, once the last fence is answered.
 void Pump(DAXO_Client* client, PushStoreTag* store) noexcept {
-  while (store->online && store->ready && store->inFlight < kWindow) {
+  if (!store->online || !store->ready || store->fenceOut) return;
+  while (store->inFlight < kBatch) {
     while (store->unsent != nullptr && store->unsent->dropped) store->unsent = store->unsent->next;
     KeptPush* push = store->unsent;
-    if (push == nullptr || !PublishNow(client, push->topic, push->payload, push->length)) return;
+    if (push == nullptr || !PublishNow(client, push->topic, push->payload, push->length)) break;
     push->sentMs = daxo::NowMs();
     store->inFlight++;
     store->unsent = push->next;
   }
+  if (store->inFlight > 0) SendCheck(client, store);
 }
 
 // Unlinks push, whose predecessor is prev (null: the head).
@@ -89,6 +106,7 @@ void Rewind(PushStoreTag* store) noexcept {
   for (KeptPush* push = store->head; push != nullptr;) {
     KeptPush* next = push->next;
     push->sentMs = 0;
+    push->answered = push->unproven = false;
     if (push->dropped) {
       Unlink(store, prev, push);
       free(push);
@@ -99,6 +117,51 @@ void Rewind(PushStoreTag* store) noexcept {
   }
   store->inFlight = 0;
   store->unsent = store->head;
+}
+
+// The batch's fence is answered: each sensor whose pushes all have their
+// answer is delivered (its pushes moved to *delivered, in order, for the
+// application to hear of), the others' pushes go again. Returns how many.
+int Settle(PushStoreTag* store, KeptPush** delivered) noexcept {
+  for (KeptPush* p = store->head; p != store->unsent; p = p->next) {
+    p->unproven = false;
+    for (KeptPush* q = store->head; q != store->unsent && !p->unproven; q = q->next)
+      p->unproven = !q->answered && strcmp(q->sensorId, p->sensorId) == 0;
+  }
+  KeptPush** last = delivered;
+  int again = 0;
+  daxo::BeginWrite(store);  // the deletes in one transaction; each stands alone otherwise
+  KeptPush* prev = nullptr;
+  for (KeptPush* p = store->head; p != nullptr && p->sentMs != 0;) {
+    KeptPush* next = p->next;
+    if (p->unproven && !p->dropped) {
+      again++;
+      prev = p;
+    } else {
+      if (!p->dropped) daxo::DeleteRow(store, p);
+      Unlink(store, prev, p);
+      if (p->dropped || p->unproven) {
+        free(p);
+      } else {
+        p->next = nullptr;
+        *last = p;
+        last = &p->next;
+      }
+    }
+    p = next;
+  }
+  daxo::EndWrite(store, true);
+  Rewind(store);
+  return again;
+}
+
+void Deliver(DAXO_Client* client, KeptPush* delivered) noexcept {
+  DAXO_OnPushMetricValues callback = daxo::Get(client->OnPushMetricValues);
+  while (delivered != nullptr) {
+    KeptPush* p = std::exchange(delivered, delivered->next);
+    if (callback != nullptr) callback(client, client->callbackParameter, p->sensorId, p->code);
+    free(p);
+  }
 }
 
 // Drops reported to the application once the store's mutex is released:
@@ -112,19 +175,23 @@ struct DropReport {
   std::unique_ptr<DropGroup, daxo::CFree<free>> block;
 };
 
-// Drops the n oldest pushes (those whose answer may still come are marked,
-// the others freed). NoMemory, with nothing changed, when the report
-// cannot be made.
-DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcept {
-  if (n == 0) return DAXO_Error_Success;
+// Room for the report of dropping the n oldest pushes; false when memory
+// runs out.
+bool AllocateReport(const PushStoreTag* store, size_t n, DropReport* report) noexcept {
   size_t names = 0, seen = 0;
-  for (KeptPush* p = store->head; p != nullptr && seen < n; p = p->next) {
+  for (const KeptPush* p = store->head; p != nullptr && seen < n; p = p->next) {
     if (p->dropped) continue;
     names += strlen(p->sensorId) + 1;
     seen++;
   }
   report->block.reset(static_cast<DropGroup*>(malloc(n * sizeof(DropGroup) + names)));
-  if (!report->block) return DAXO_Error_NoMemory;
+  return report->block != nullptr;
+}
+
+// Drops the n oldest pushes from memory, their rows already deleted (those
+// whose answer may still come are marked, the others freed), into the
+// report allocated for them.
+void ApplyDrops(PushStoreTag* store, size_t n, DropReport* report) noexcept {
   DropGroup* groups = report->block.get();
   char* text = reinterpret_cast<char*>(groups + n);
   KeptPush* prev = nullptr;
@@ -141,7 +208,6 @@ DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcep
     }
     groups[g - 1].count++;
     n--;
-    daxo::DeleteRow(store, p);
     if (p->sentMs != 0) {
       // Its answer is still to come and must not be taken for a later one's.
       store->count--;
@@ -155,7 +221,6 @@ DAXO_Error DropOldest(PushStoreTag* store, size_t n, DropReport* report) noexcep
     }
     p = next;
   }
-  return DAXO_Error_Success;
 }
 
 void Report(DAXO_Client* client, const DropReport& report, DAXO_PushDropReason reason) noexcept {
@@ -184,13 +249,30 @@ long long ToDrop(const PushStoreTag* store, size_t bytes) noexcept {
   return n;
 }
 
-// Makes room for push under the policy, then keeps it.
+// Makes room for push under the policy, then keeps it. The file's deletes
+// and insert are one transaction, and memory follows only once it is
+// committed: a failed write drops nothing.
 DAXO_Error Keep(PushStoreTag* store, KeptPush* push, DropReport* report) noexcept {
   long long n = ToDrop(store, push->bytes);
   if (n < 0 || (n > 0 && store->policy == PushStoreRefuse)) return DAXO_Error_PushStoreFull;
-  if (DAXO_Error err = DropOldest(store, static_cast<size_t>(n), report); err != DAXO_Error_Success)
+  auto drop = static_cast<size_t>(n);
+  if (drop > 0 && !AllocateReport(store, drop, report)) return DAXO_Error_NoMemory;
+  DAXO_Error err = daxo::BeginWrite(store);
+  if (err != DAXO_Error_Success) return err;
+  size_t left = drop;
+  for (KeptPush* p = store->head; p != nullptr && left > 0 && err == DAXO_Error_Success;
+       p = p->next) {
+    if (p->dropped) continue;
+    err = daxo::DeleteRow(store, p);
+    left--;
+  }
+  if (err == DAXO_Error_Success) err = daxo::InsertRow(store, push);
+  if (err == DAXO_Error_Success) err = daxo::EndWrite(store, true);
+  if (err != DAXO_Error_Success) {
+    daxo::EndWrite(store, false);
     return err;
-  if (DAXO_Error err = daxo::InsertRow(store, push); err != DAXO_Error_Success) return err;
+  }
+  if (drop > 0) ApplyDrops(store, drop, report);
   daxo::AppendKept(store, push);
   return DAXO_Error_Success;
 }
@@ -217,6 +299,29 @@ int DropForeign(const DAXO_Client* client, PushStoreTag* store) noexcept {
     p = next;
   }
   return dropped;
+}
+
+// A file written under a larger PushStoreMaxBytes: "drop-oldest" drops
+// what is over the bound now, "refuse" keeps it and refuses new pushes
+// until it has drained.
+DAXO_Error Shrink(PushStoreTag* store, DropReport* report) noexcept {
+  long long n = ToDrop(store, 0);
+  if (n <= 0 || store->policy == PushStoreRefuse) return DAXO_Error_Success;
+  auto drop = static_cast<size_t>(n);
+  if (!AllocateReport(store, drop, report)) return DAXO_Error_NoMemory;
+  DAXO_Error err = daxo::BeginWrite(store);
+  size_t left = drop;
+  for (KeptPush* p = store->head; p != nullptr && left > 0 && err == DAXO_Error_Success;
+       p = p->next, left--)
+    err = daxo::DeleteRow(store, p);
+  if (err == DAXO_Error_Success) err = daxo::EndWrite(store, true);
+  if (err != DAXO_Error_Success) {
+    daxo::EndWrite(store, false);
+    report->block.reset();
+    return err;
+  }
+  ApplyDrops(store, drop, report);
+  return DAXO_Error_Success;
 }
 
 void FreeKept(PushStoreTag* store) noexcept {
@@ -251,44 +356,65 @@ void AppendKept(PushStoreTag* store, KeptPush* push) noexcept {
 }
 
 DAXO_Error OpenPushStore(DAXO_Client* client) noexcept {
-  if (client->pushStorePath == nullptr || StoreOf(client) != nullptr) return DAXO_Error_Success;
-  auto* store = new (std::nothrow) PushStoreTag{};
-  if (store == nullptr) return DAXO_Error_NoMemory;
-  store->maxBytes = static_cast<size_t>(client->pushStoreMaxBytes);
-  store->policy = client->pushStorePolicy;
-  if (strcmp(client->pushStorePath, "memory") != 0) {
-    DbOpen opened = OpenDatabase(client, store);
-    if (opened.err == DAXO_Error_Success) opened.err = LoadRows(store);
-    if (opened.err != DAXO_Error_Success) {
-      LogFormat(client, "Push store %s cannot be used: %s", client->pushStorePath, opened.why);
-      FreeKept(store);
-      delete store;
-      return opened.err;
+  if (client->pushStorePath == nullptr) return DAXO_Error_Success;
+  DbOpen opened{DAXO_Error_Success, false, {}};
+  DropReport shrunk;
+  int foreign = 0;
+  size_t kept = 0;
+  bool persistent = strcmp(client->pushStorePath, "memory") != 0;
+  {
+    // Two DAXO_Connect at once must not both open the file: the loser
+    // could move aside the file the winner has open.
+    MutexLock open(&gOpenMutex);
+    if (PushStoreTag* store = StoreOf(client)) {
+      // The identity may have changed since (deprovisioned, provisioned anew).
+      if (!store->db) return DAXO_Error_Success;
+      MutexLock lock(&store->mutex);
+      foreign = DropForeign(client, store);
+    } else {
+      auto* made = new (std::nothrow) PushStoreTag{};
+      if (made == nullptr) return DAXO_Error_NoMemory;
+      made->maxBytes = static_cast<size_t>(client->pushStoreMaxBytes);
+      made->policy = client->pushStorePolicy;
+      if (persistent) {
+        opened = OpenDatabase(client, made);
+        if (opened.err == DAXO_Error_Success) opened.err = LoadRows(made);
+        if (opened.err == DAXO_Error_Success) foreign = DropForeign(client, made);
+        if (opened.err == DAXO_Error_Success &&
+            (opened.err = Shrink(made, &shrunk)) != DAXO_Error_Success)
+          snprintf(opened.why, sizeof opened.why,
+                   "what it holds over PushStoreMaxBytes cannot be dropped");
+      }
+      if (opened.err != DAXO_Error_Success) {
+        FreeKept(made);
+        delete made;
+      } else {
+        kept = made->count;
+        pthread_mutex_init(&made->mutex, nullptr);
+        __atomic_store_n(&client->pushStore, made, __ATOMIC_RELEASE);
+      }
     }
-    if (int foreign = DropForeign(client, store); foreign > 0) {
-      LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
-                client->pushStorePath, foreign, foreign == 1 ? "" : "es");
-      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
-        onDropped(client, client->callbackParameter, nullptr, foreign, DAXO_PushDrop_OtherIdentity);
-    }
-    if (opened.movedAside) {
-      LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);
-      if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
-        onDropped(client, client->callbackParameter, nullptr, 0, DAXO_PushDrop_StoreCorrupt);
-    }
-    if (store->count > 0)
-      LogFormat(client, "Push store %s: %zu push%s kept from before", client->pushStorePath,
-                store->count, store->count == 1 ? "" : "es");
   }
-  pthread_mutex_init(&store->mutex, nullptr);
-  PushStoreTag* none = nullptr;
-  if (!__atomic_compare_exchange_n(&client->pushStore, &none, store, false, __ATOMIC_ACQ_REL,
-                                   __ATOMIC_ACQUIRE)) {
-    // Another DAXO_Connect opened it meanwhile.
-    FreeKept(store);
-    pthread_mutex_destroy(&store->mutex);
-    delete store;
+  if (opened.err != DAXO_Error_Success) {
+    LogFormat(client, "Push store %s cannot be used: %s", client->pushStorePath, opened.why);
+    return opened.err;
   }
+  DAXO_OnPushDropped onDropped = Get(client->OnPushDropped);
+  if (foreign > 0) {
+    LogFormat(client, "Push store %s: %d push%s of another client identity dropped",
+              client->pushStorePath, foreign, foreign == 1 ? "" : "es");
+    if (onDropped != nullptr)
+      onDropped(client, client->callbackParameter, nullptr, foreign, DAXO_PushDrop_OtherIdentity);
+  }
+  if (opened.movedAside) {
+    LogFormat(client, "Push store %s: %s", client->pushStorePath, opened.why);
+    if (onDropped != nullptr)
+      onDropped(client, client->callbackParameter, nullptr, 0, DAXO_PushDrop_StoreCorrupt);
+  }
+  Report(client, shrunk, DAXO_PushDrop_StoreFull);
+  if (kept > 0)
+    LogFormat(client, "Push store %s: %zu push%s kept from before", client->pushStorePath, kept,
+              kept == 1 ? "" : "es");
   return DAXO_Error_Success;
 }
 
@@ -316,6 +442,9 @@ DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topi
     if (err == DAXO_Error_PushStoreFull)
       LogFormat(client, "Push store full (%d bytes): push to sensor %s refused",
                 client->pushStoreMaxBytes, sensorId);
+    else
+      LogFormat(client, "Push store: push to sensor %s not kept, nothing dropped (%s)", sensorId,
+                DAXO_ErrorName(err));
     return err;
   }
   Report(client, report, DAXO_PushDrop_StoreFull);
@@ -323,43 +452,65 @@ DAXO_Error StorePush(DAXO_Client* client, const char* sensorId, const char* topi
   return DAXO_Error_Success;
 }
 
-bool StoreAnswered(DAXO_Client* client, const char* sensorId) noexcept {
+void StoreAnswered(DAXO_Client* client, const char* sensorId, DAXO_ApiError code) noexcept {
   PushStoreTag* store = StoreOf(client);
-  if (store == nullptr) return true;
-  bool deliver = false, matched = false;
+  if (store == nullptr) return;
+  bool matched = false;
   {
     MutexLock lock(&store->mutex);
-    KeptPush* prev = nullptr;
-    for (KeptPush* p = store->head; p != nullptr; prev = p, p = p->next) {
-      if (strcmp(p->sensorId, sensorId) != 0) continue;
-      matched = true;
-      deliver = !p->dropped;
-      if (deliver) DeleteRow(store, p);
-      Unlink(store, prev, p);
-      free(p);
+    for (KeptPush* p = store->head; p != store->unsent; p = p->next) {
+      if (p->answered || strcmp(p->sensorId, sensorId) != 0) continue;
+      p->answered = matched = true;
+      p->code = code;
       break;
     }
-    Pump(client, store);
   }
   if (!matched)
     LogFormat(client, "Push store: an answer for sensor %s matches no kept push", sensorId);
-  return deliver;
 }
 
 bool StoreCheckAnswered(DAXO_Client* client) noexcept {
   PushStoreTag* store = StoreOf(client);
   if (store == nullptr) return false;
-  MutexLock lock(&store->mutex);
-  if (store->checksOut == 0) return false;
-  store->checksOut--;
-  if (!store->ready) {
-    // The agent handles messages in order: what it had not answered before
-    // this check never reached it.
-    store->ready = true;
-    Rewind(store);
+  KeptPush* delivered = nullptr;
+  int again = 0;
+  {
+    MutexLock lock(&store->mutex);
+    if (store->appChecksBefore > 0) {
+      store->appChecksBefore--;
+      return false;
+    }
+    if (!store->fenceOut) {
+      if (store->appChecksAfter > 0) store->appChecksAfter--;
+      return false;
+    }
+    store->fenceOut = false;
+    store->appChecksBefore = std::exchange(store->appChecksAfter, 0);
+    if (store->ready) {
+      again = Settle(store, &delivered);
+    } else {
+      // What it had not answered before this check never reached it.
+      store->ready = true;
+      Rewind(store);
+    }
     Pump(client, store);
   }
+  if (again > 0)
+    LogFormat(client, "Push store: %d push%s of a batch with a lost push sent again", again,
+              again == 1 ? "" : "es");
+  Deliver(client, delivered);
   return true;
+}
+
+DAXO_Error StoreCheck(DAXO_Client* client) noexcept {
+  PushStoreTag* store = StoreOf(client);
+  MutexLock lock(&store->mutex);
+  daxo::CStr topic = daxo::Format("/%s/%s/ping", daxo::kApiVersion, client->clientId);
+  if (!topic) return DAXO_Error_NoMemory;
+  if (!PublishNow(client, topic.get(), kCheckPayload, sizeof kCheckPayload - 1))
+    return DAXO_Error_NoConnectionToServer;
+  (store->fenceOut ? store->appChecksAfter : store->appChecksBefore)++;
+  return DAXO_Error_Success;
 }
 
 void StoreOnline(DAXO_Client* client) noexcept {
@@ -368,9 +519,10 @@ void StoreOnline(DAXO_Client* client) noexcept {
   MutexLock lock(&store->mutex);
   store->online = true;
   store->ready = false;
-  // What was sent on the last connection stays marked sent: its answers
-  // may still come, until the check is answered.
-  store->checksOut = 0;
+  // What was sent on the last connection stays marked sent until the check
+  // is answered; no answer to a check sent on it can come.
+  store->appChecksBefore = store->appChecksAfter = 0;
+  store->fenceOut = false;
   SendCheck(client, store);
 }
 
@@ -392,20 +544,16 @@ void SuperviseStore(DAXO_Client* client) noexcept {
     Pump(client, store);  // what the transport could not take before
     long long now = NowMs();
     if (store->ready) {
-      const KeptPush* oldest = store->head;
-      while (oldest != nullptr && oldest != store->unsent && oldest->sentMs == 0)
-        oldest = oldest->next;
-      if (oldest == nullptr || oldest->sentMs == 0 || now - oldest->sentMs < kQuietMs) return;
+      if (!store->fenceOut || now - store->checkSentMs < kQuietMs) return;
       store->ready = false;
       quiet = true;
       SendCheck(client, store);
-    } else if (store->checksOut == 0 || now - store->checkSentMs >= kCheckRetryMs) {
-      store->checksOut = 0;
+    } else if (!store->fenceOut || now - store->checkSentMs >= kCheckRetryMs) {
       SendCheck(client, store);
     }
   }
   if (quiet)
-    LogFormat(client, "Push store: pushes unanswered for %lld s; checking the agent hears",
+    LogFormat(client, "Push store: a batch unanswered for %lld s; checking the agent hears",
               kQuietMs / 1000);
 }
 
@@ -423,16 +571,22 @@ void DropMemoryStore(DAXO_Client* client) noexcept {
   size_t unreported = 0;
   {
     MutexLock lock(&store->mutex);
-    if (DropOldest(store, store->count, &report) != DAXO_Error_Success) {
-      // Without memory for the report the pushes still go, logged as one run.
+    if (store->count > 0 && AllocateReport(store, store->count, &report)) {
+      ApplyDrops(store, store->count, &report);
+    } else if (store->count > 0) {
+      // Without memory to name the sensors the pushes still go, reported as one run.
       unreported = store->count;
       FreeKept(store);
       store->count = store->bytes = 0;
       store->inFlight = 0;
     }
   }
-  if (unreported != 0)
+  if (unreported != 0) {
     LogFormat(client, "Push store: %zu pushes dropped (the client ended)", unreported);
+    if (DAXO_OnPushDropped onDropped = Get(client->OnPushDropped))
+      onDropped(client, client->callbackParameter, nullptr, static_cast<int>(unreported),
+                DAXO_PushDrop_ClientEnded);
+  }
   Report(client, report, DAXO_PushDrop_ClientEnded);
 }
 

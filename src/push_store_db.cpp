@@ -22,6 +22,11 @@ constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS pushes(id INTEGER PRIMARY KEY, sensor TEXT NOT NULL,"
     " topic TEXT NOT NULL, payload BLOB NOT NULL)";
 
+DAXO_Error Written(int rc) noexcept {
+  if (rc == SQLITE_OK) return DAXO_Error_Success;
+  return (rc & 0xff) == SQLITE_NOMEM ? DAXO_Error_NoMemory : DAXO_Error_PushStoreUnusable;
+}
+
 bool Corrupt(int rc) noexcept {
   rc &= 0xff;
   return rc == SQLITE_CORRUPT || rc == SQLITE_NOTADB;
@@ -29,6 +34,10 @@ bool Corrupt(int rc) noexcept {
 
 DbOpen Failed(sqlite3* db, int rc, const char* doing) noexcept {
   DbOpen r{Corrupt(rc) ? DAXO_Error_Success : DAXO_Error_PushStoreUnusable, false, {}};
+  if ((rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED) {
+    snprintf(r.why, sizeof r.why, "%s: in use by another process (or client)", doing);
+    return r;
+  }
   int e = errno;
   snprintf(r.why, sizeof r.why, "%s: %s (errno %d, %s)", doing,
            db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc), e, strerror(e));
@@ -46,9 +55,28 @@ DbOpen Prepare(const DAXO_Client* client, PushStoreTag* store) noexcept {
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   SqlitePtr db(raw);
   if (rc != SQLITE_OK) return Failed(raw, rc, "open");
+  // Held for as long as the file is open: a second process (or client)
+  // on the same file would send the same rows. The lock is taken by the
+  // first statement that reads.
+  if ((rc = sqlite3_exec(db.get(), "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr)) !=
+      SQLITE_OK)
+    return Failed(db.get(), rc, "lock");
+  sqlite3_stmt* mode = nullptr;
+  rc = sqlite3_prepare_v2(db.get(), "PRAGMA journal_mode=WAL", -1, &mode, nullptr);
+  SqliteStmtPtr ownedMode(mode);
+  if (rc == SQLITE_OK && (rc = sqlite3_step(mode)) == SQLITE_ROW) rc = SQLITE_OK;
+  if (rc != SQLITE_OK) return Failed(db.get(), rc, "set up");
+  const auto* journal = reinterpret_cast<const char*>(sqlite3_column_text(mode, 0));
+  if (journal == nullptr || strcmp(journal, "wal") != 0) {
+    // synchronous=NORMAL is safe against power cuts only in WAL mode.
+    DbOpen r{DAXO_Error_PushStoreUnusable, false, {}};
+    snprintf(r.why, sizeof r.why, "the file system does not allow WAL mode (journal mode %s)",
+             journal != nullptr ? journal : "unknown");
+    return r;
+  }
+  ownedMode.reset();
   char sql[512];
-  snprintf(sql, sizeof sql,
-           "PRAGMA journal_mode=WAL; PRAGMA synchronous=%s; PRAGMA user_version=1; %s",
+  snprintf(sql, sizeof sql, "PRAGMA synchronous=%s; PRAGMA user_version=1; %s",
            client->pushStoreSync == PushStoreSyncFull ? "FULL" : "NORMAL", kSchema);
   // A write in the first statements: a folder or file the process cannot
   // write fails here rather than at the first push.
@@ -148,20 +176,32 @@ DAXO_Error InsertRow(PushStoreTag* store, KeptPush* push) noexcept {
   int rc = sqlite3_step(insert);
   sqlite3_reset(insert);
   sqlite3_clear_bindings(insert);
-  if (rc != SQLITE_DONE)
-    return rc == SQLITE_NOMEM ? DAXO_Error_NoMemory : DAXO_Error_PushStoreUnusable;
+  if (rc != SQLITE_DONE) return Written(rc);
   push->row = sqlite3_last_insert_rowid(store->db.get());
   return DAXO_Error_Success;
 }
 
-void DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept {
-  if (!store->db || push->row == 0) return;
+DAXO_Error DeleteRow(PushStoreTag* store, const KeptPush* push) noexcept {
+  if (!store->db || push->row == 0) return DAXO_Error_Success;
   sqlite3_stmt* remove = store->remove.get();
   sqlite3_bind_int64(remove, 1, push->row);
-  // A row that cannot be deleted is sent again after a restart: a
-  // duplicate, never a loss.
-  sqlite3_step(remove);
+  int rc = sqlite3_step(remove);
   sqlite3_reset(remove);
+  return Written(rc == SQLITE_DONE ? SQLITE_OK : rc);
+}
+
+DAXO_Error BeginWrite(PushStoreTag* store) noexcept {
+  if (!store->db) return DAXO_Error_Success;
+  return Written(sqlite3_exec(store->db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+}
+
+DAXO_Error EndWrite(PushStoreTag* store, bool commit) noexcept {
+  if (!store->db) return DAXO_Error_Success;
+  int rc = commit ? sqlite3_exec(store->db.get(), "COMMIT", nullptr, nullptr, nullptr) : SQLITE_OK;
+  // Without a transaction open (BEGIN failed) this does nothing.
+  if (!commit || rc != SQLITE_OK)
+    sqlite3_exec(store->db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+  return commit ? Written(rc) : DAXO_Error_Success;
 }
 
 }  // namespace daxo

@@ -51,8 +51,15 @@ int Send(Session& session, const PushSettings& settings, const std::vector<Assig
                                  DAXO_AddEpochTimeStamp(values.get(), *settings.timestamp)))
       return *exit;
   }
+  // With a push store the answers come in the order the pushes were kept:
+  // the first ones belong to what earlier runs left.
+  session.Discard("pushMetricValues");
+  size_t ahead = 0;
+  DAXO_GetWaitingPushCount(session.Client(), &ahead);
   DAXO_Error sent = DAXO_PushMetricValues(session.Client(), settings.sensor.c_str(), values.get());
   if (auto exit = session.Sent("push", sent)) return *exit;
+  for (size_t i = 0; i < ahead && session.Wait("pushMetricValues"); ++i) {
+  }
   if (auto [reply, exit] = session.Reply("pushMetricValues"); !reply) return exit;
   // With a push store, what earlier runs or batches left for the agent.
   size_t waiting = 0;

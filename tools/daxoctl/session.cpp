@@ -154,6 +154,11 @@ std::optional<Event> Session::Wait(std::string_view kind) {
   return event;
 }
 
+void Session::Discard(std::string_view kind) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(events_, [kind](const Event& e) { return e.kind == kind; });
+}
+
 std::string Session::ClientId() const {
   const char* id = DAXO_GetClientId(client_);
   return id != nullptr ? id : "";

@@ -74,6 +74,8 @@ class Session {
 
   // The next event of kind, skipping others, within the --timeout.
   std::optional<Event> Wait(std::string_view kind);
+  // Forgets the events of kind received so far.
+  void Discard(std::string_view kind);
   // The next event of any kind, until deadline.
   std::optional<Event> Next(std::chrono::steady_clock::time_point deadline);
 
