@@ -370,14 +370,20 @@ DAXO_Error CheckStoredIdentity(DAXO_Client* client) noexcept {
 DAXO_Error ResetIdentity(DAXO_Client* client) noexcept {
   if (client->certFolder == nullptr) return DAXO_Error_Success;
   DAXO_Error result = DAXO_Error_Success;
-  for (const char* name : {kKeyFileName, kCertFileName}) {
-    for (const char* suffix : {"", kPendingSuffix, kOldSuffix}) {
-      CStr path = FolderFile(client, name, suffix);
-      if (!path) return DAXO_Error_NoMemory;
-      if (unlink(path.get()) == 0 || errno == ENOENT) continue;
-      LogFormat(client, "Identity: %s cannot be removed: %s", path.get(), strerror(errno));
-      result = DAXO_Error_RemoveCertificates;
-    }
+  // Kept files first, as a start would put them back; the key last, as a
+  // lone certificate makes provisioning refuse to start over.
+  const struct {
+    const char* name;
+    const char* suffix;
+  } order[] = {
+      {kCertFileName, kOldSuffix},    {kKeyFileName, kOldSuffix}, {kCertFileName, kPendingSuffix},
+      {kKeyFileName, kPendingSuffix}, {kCertFileName, ""},        {kKeyFileName, ""}};
+  for (const auto& file : order) {
+    CStr path = FolderFile(client, file.name, file.suffix);
+    if (!path) return DAXO_Error_NoMemory;
+    if (unlink(path.get()) == 0 || errno == ENOENT) continue;
+    LogFormat(client, "Identity: %s cannot be removed: %s", path.get(), strerror(errno));
+    result = DAXO_Error_RemoveCertificates;
   }
   if (CStr key = FolderFile(client, kKeyFileName); key) SyncFolderOf(key.get());
   return result;
