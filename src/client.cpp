@@ -50,10 +50,9 @@ void DestroyClient(DAXO_Client* client) noexcept {
   ClosePushStore(client);
   for (char* text : {client->clientId, client->mqttHost, client->caFile, client->certFolder,
                      client->clientName, client->provisionDigest, client->provisionCert,
-                     client->renewalContent, client->renewalOldCert, client->pushStorePath})
+                     client->renewalContent, client->renewalOldCa, client->pushStorePath})
     free(text);
   FreeSecret(client->newKeyContent);
-  FreeSecret(client->renewalOldKey);
   pthread_mutex_destroy(&client->instanceMutex);
   pthread_mutex_destroy(&client->ownerMutex);
   pthread_mutex_destroy(&client->certCheckThreadMutex);

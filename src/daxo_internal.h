@@ -138,8 +138,7 @@ struct DAXO_ClientTag {
   int renewalTrialTask;
   int renewalTrialError;  // the refusal the stand-in heard
   long long renewalTrialDeadlineMs;
-  char* renewalOldKey;   // what the trial replaced, put back if it fails
-  char* renewalOldCert;  // the old certificate, or the old authority
+  char* renewalOldCa;  // the authority a trial replaced, put back if it fails
 
   // A provisioning exchange that has no answer by then reports a failure.
   long long provisionDeadlineMs;  // 0: no exchange pending
@@ -621,12 +620,17 @@ char* ReadPendingKey(DAXO_Client* client) noexcept;
 // Installs a key (null: the pending one) and its certificate as a pair.
 bool InstallIdentity(DAXO_Client* client, const char* key, const char* cert,
                      size_t certLength) noexcept;
+// A renewal's trial: the installed pair is kept (as links) before it is
+// replaced, dropped once the new one is proven, put back if it is not.
+bool KeepOldIdentity(DAXO_Client* client) noexcept;
+void DropOldIdentity(DAXO_Client* client) noexcept;
+bool PutBackOldIdentity(DAXO_Client* client) noexcept;
 // Completes or discards a replacement a stopped process left unfinished.
 void RecoverIdentity(DAXO_Client* client) noexcept;
 // WrongCertificateFile (key and certificate that exist but cannot be used)
 // or ClientCertificateExpired, each with its line; missing files pass.
 DAXO_Error CheckStoredIdentity(DAXO_Client* client) noexcept;
-// Removes the key and certificate, pending ones included.
+// Removes the key and certificate, pending and kept ones included.
 DAXO_Error ResetIdentity(DAXO_Client* client) noexcept;
 
 // The longest configuration line, its newline not counted.

@@ -4,7 +4,10 @@
 // the certificate must change together: both are first written as a pending
 // pair (NAME.new), which is complete only when the certificate matches the
 // key. A start that finds a complete pending pair installs it, and discards
-// a pending certificate that matches nothing.
+// a pending certificate that matches nothing. A renewal that is still to be
+// tried keeps the pair it replaces as NAME.old until its connection proves
+// the new one: a start that finds them puts them back, as the old pair is
+// the one known to work.
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/stat.h>
@@ -30,6 +33,7 @@ using daxo::Format;
 
 constexpr char kPendingSuffix[] = ".new";
 constexpr char kTemporarySuffix[] = ".tmp";
+constexpr char kOldSuffix[] = ".old";
 
 void Step(const char* step) noexcept {
   if (IdentityStepHook != nullptr) IdentityStepHook(step);
@@ -171,9 +175,101 @@ void CompletePending(DAXO_Client* client) noexcept {
                   rc == 0 ? "is completed" : "could not be completed");
 }
 
+// A link costs no space and cannot be cut half-written; a folder that
+// cannot hold links gets a durable copy.
+int KeepCopy(const char* from, const char* to, bool secret) noexcept {
+  unlink(to);
+  if (link(from, to) == 0) return 0;
+  if (errno != EPERM && errno != ENOTSUP && errno != EXDEV && errno != EMLINK) return errno;
+  CStr content(GetFileContent(from));
+  if (!content) return EIO;
+  if (secret) {
+    daxo::SecretStr wipe(content.release());
+    return ReplaceFile(to, wipe.get(), strlen(wipe.get()), true);
+  }
+  return ReplaceFile(to, content.get(), strlen(content.get()), false);
+}
+
+// Puts back whichever old files make a pair with what is installed: a
+// lone old file beside a pair it does not match is what an acceptance cut
+// short leaves, and goes.
+int PutBackKeptPair(DAXO_Client* client, bool* found) noexcept {
+  CStr oldKey = FolderFile(client, daxo::kKeyFileName, kOldSuffix);
+  CStr oldCert = FolderFile(client, daxo::kCertFileName, kOldSuffix);
+  CStr key = FolderFile(client, daxo::kKeyFileName);
+  CStr cert = FolderFile(client, daxo::kCertFileName);
+  if (!oldKey || !oldCert || !key || !cert) return ENOMEM;
+  bool keyKept = access(oldKey.get(), F_OK) == 0;
+  bool certKept = access(oldCert.get(), F_OK) == 0;
+  *found = keyKept || certKept;
+  if (!*found) return 0;
+  daxo::SecretStr keyText(GetFileContent(keyKept ? oldKey.get() : key.get()));
+  CStr certText(GetFileContent(certKept ? oldCert.get() : cert.get()));
+  bool pair = keyText && certText &&
+              CheckCertificateForKey(certText.get(), strlen(certText.get()), keyText.get(),
+                                     nullptr) == nullptr;
+  int rc = 0;
+  if (!pair) {
+    *found = false;
+    if (keyKept && unlink(oldKey.get()) != 0) rc = errno;
+    if (certKept && unlink(oldCert.get()) != 0 && rc == 0) rc = errno;
+    SyncFolderOf(key.get());
+    return rc;
+  }
+  for (const char* name : {daxo::kKeyFileName, daxo::kCertFileName}) {
+    CStr pending = FolderFile(client, name, kPendingSuffix);
+    if (pending) unlink(pending.get());
+  }
+  // A rename onto another link of the same file leaves both names.
+  if (certKept && (rc = RenameDurably(oldCert.get(), cert.get())) == 0) unlink(oldCert.get());
+  if (rc == 0 && keyKept && (rc = RenameDurably(oldKey.get(), key.get())) == 0)
+    unlink(oldKey.get());
+  if (rc == 0) SyncFolderOf(key.get());
+  return rc;
+}
+
 }  // namespace
 
 namespace daxo {
+
+bool KeepOldIdentity(DAXO_Client* client) noexcept {
+  CStr key = FolderFile(client, kKeyFileName);
+  CStr cert = FolderFile(client, kCertFileName);
+  CStr oldKey = FolderFile(client, kKeyFileName, kOldSuffix);
+  CStr oldCert = FolderFile(client, kCertFileName, kOldSuffix);
+  if (!key || !cert || !oldKey || !oldCert) return false;
+  Step("keep");
+  int rc = KeepCopy(key.get(), oldKey.get(), true);
+  if (rc == 0) rc = KeepCopy(cert.get(), oldCert.get(), false);
+  if (rc != 0) {
+    LogFormat(client, "Identity: the key and certificate in %s cannot be kept: %s",
+              client->certFolder, strerror(rc));
+    unlink(oldKey.get());
+    unlink(oldCert.get());
+    return false;
+  }
+  SyncFolderOf(key.get());
+  return true;
+}
+
+void DropOldIdentity(DAXO_Client* client) noexcept {
+  Step("drop");
+  for (const char* name : {kKeyFileName, kCertFileName}) {
+    CStr path = FolderFile(client, name, kOldSuffix);
+    if (path && unlink(path.get()) != 0 && errno != ENOENT)
+      LogFormat(client, "Identity: %s cannot be removed: %s", path.get(), strerror(errno));
+  }
+  if (CStr key = FolderFile(client, kKeyFileName); key) SyncFolderOf(key.get());
+}
+
+bool PutBackOldIdentity(DAXO_Client* client) noexcept {
+  bool found = false;
+  int rc = PutBackKeptPair(client, &found);
+  if (rc != 0)
+    LogFormat(client, "Identity: the old key and certificate in %s cannot be put back: %s",
+              client->certFolder, strerror(rc));
+  return rc == 0 && found;
+}
 
 int WriteDurably(DAXO_Client* client, const char* path, const char* content, size_t length,
                  bool secret) noexcept {
@@ -211,18 +307,32 @@ bool InstallIdentity(DAXO_Client* client, const char* key, const char* cert,
   // cut interrupts.
   int rc = RenameDurably(pendingKey.get(), keyPath.get());
   if (rc == 0) rc = RenameDurably(pendingCert.get(), certPath.get());
-  if (rc != 0)
+  if (rc != 0) {
+    // Left there, the next start would install a pair nothing has tried.
+    unlink(pendingKey.get());
+    unlink(pendingCert.get());
+    SyncFolderOf(certPath.get());
     LogFormat(client, "Identity: %s cannot be installed: %s", certPath.get(), strerror(rc));
+  }
   return rc == 0;
 }
 
 void RecoverIdentity(DAXO_Client* client) noexcept {
   if (client->certFolder == nullptr) return;
   for (const char* name : {kKeyFileName, kCertFileName}) {
-    CStr temporary =
-        Format("%s/%s%s%s", client->certFolder, name, kPendingSuffix, kTemporarySuffix);
-    if (temporary) unlink(temporary.get());
+    for (const char* suffix : {kPendingSuffix, kOldSuffix}) {
+      CStr temporary = Format("%s/%s%s%s", client->certFolder, name, suffix, kTemporarySuffix);
+      if (temporary) unlink(temporary.get());
+    }
   }
+  // A trial of this process's own is judged by its connection instead.
+  bool found = false;
+  int rc = Load(client->renewalTrial) == RenewalTrialNone ? PutBackKeptPair(client, &found) : 0;
+  if (found)
+    LogFormat(client, "Identity: a renewal in %s was stopped before its trial ended; %s",
+              client->certFolder,
+              rc == 0 ? "the old key and certificate are put back"
+                      : "the old key and certificate cannot be put back");
   CompletePending(client);
 }
 
@@ -260,14 +370,20 @@ DAXO_Error CheckStoredIdentity(DAXO_Client* client) noexcept {
 DAXO_Error ResetIdentity(DAXO_Client* client) noexcept {
   if (client->certFolder == nullptr) return DAXO_Error_Success;
   DAXO_Error result = DAXO_Error_Success;
-  for (const char* name : {kKeyFileName, kCertFileName}) {
-    for (const char* suffix : {"", kPendingSuffix}) {
-      CStr path = FolderFile(client, name, suffix);
-      if (!path) return DAXO_Error_NoMemory;
-      if (unlink(path.get()) == 0 || errno == ENOENT) continue;
-      LogFormat(client, "Identity: %s cannot be removed: %s", path.get(), strerror(errno));
-      result = DAXO_Error_RemoveCertificates;
-    }
+  // Kept files first, as a start would put them back; the key last, as a
+  // lone certificate makes provisioning refuse to start over.
+  const struct {
+    const char* name;
+    const char* suffix;
+  } order[] = {
+      {kCertFileName, kOldSuffix},    {kKeyFileName, kOldSuffix}, {kCertFileName, kPendingSuffix},
+      {kKeyFileName, kPendingSuffix}, {kCertFileName, ""},        {kKeyFileName, ""}};
+  for (const auto& file : order) {
+    CStr path = FolderFile(client, file.name, file.suffix);
+    if (!path) return DAXO_Error_NoMemory;
+    if (unlink(path.get()) == 0 || errno == ENOENT) continue;
+    LogFormat(client, "Identity: %s cannot be removed: %s", path.get(), strerror(errno));
+    result = DAXO_Error_RemoveCertificates;
   }
   if (CStr key = FolderFile(client, kKeyFileName); key) SyncFolderOf(key.get());
   return result;

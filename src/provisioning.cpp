@@ -75,9 +75,12 @@ DAXO_Error Deprovision(DAXO_Client* client) noexcept {
 
 DAXO_Error ResetClientIdentity(DAXO_Client* client) noexcept {
   MutexLock lock(&client->ownerMutex);
-  if (Load(client->polling) || Load(client->wantMain) || Load(client->provisionLoopStarted) ||
+  if (Load(client->polling) || Load(client->provisionLoopStarted) ||
       Load(client->renewalTrial) != RenewalTrialNone)
     return DAXO_Error_Busy;
+  // A connection that could not even start (an expired identity, say) is
+  // only waiting to be tried again with the identity removed here.
+  Store(client->wantMain, 0);
   DAXO_Error err = ResetIdentity(client);
   if (err != DAXO_Error_Success) return err;
   Store(client->dailyChecksOff, 1);

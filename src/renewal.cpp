@@ -217,14 +217,13 @@ DAXO_Error Refuse(DAXO_Client* client, const char* what, const char* why) noexce
   return DAXO_Error_WrongReply;
 }
 
-void KeepOld(DAXO_Client* client, char* key, char* cert) noexcept {
-  daxo::FreeSecret(std::exchange(client->renewalOldKey, key));
-  free(std::exchange(client->renewalOldCert, cert));
+void KeepOld(DAXO_Client* client, char* authority) noexcept {
+  free(std::exchange(client->renewalOldCa, authority));
 }
 
 // With ownerMutex held. The files the new connection is to use, checked
-// first; the old ones are kept in memory until that connection proves the
-// new ones. *changed tells whether anything was written.
+// first; the old ones stay on disk beside them until that connection proves
+// the new ones. *changed tells whether anything was written.
 DAXO_Error InstallClientCertificate(DAXO_Client* client, const char* cert, bool* changed) noexcept {
   size_t length = strlen(cert);
   if (const char* why =
@@ -235,15 +234,16 @@ DAXO_Error InstallClientCertificate(DAXO_Client* client, const char* cert, bool*
   if (const char* why = VerifyCertificate(cert, length, client->caFile))
     daxo::LogFormat(client, "Renewal: the new client certificate does not verify against %s (%s)",
                     client->caFile, why);
-  CStr keyPath = daxo::Format("%s/%s", client->certFolder, daxo::kKeyFileName);
-  CStr certPath = daxo::Format("%s/%s", client->certFolder, daxo::kCertFileName);
-  if (!keyPath || !certPath) return DAXO_Error_NoMemory;
-  daxo::SecretStr oldKey(GetFileContent(keyPath.get()));
-  CStr oldCert(GetFileContent(certPath.get()));
-  if (!daxo::InstallIdentity(client, client->newKeyContent, cert, length))
+  // Without the old pair there is nothing to go back to if the new one fails.
+  if (!daxo::KeepOldIdentity(client)) {
+    daxo::LogFormat(client, "Renewal: the new client certificate is not tried; nothing is changed");
     return DAXO_Error_WritingToCertificateFile;
+  }
+  if (!daxo::InstallIdentity(client, client->newKeyContent, cert, length)) {
+    daxo::PutBackOldIdentity(client);
+    return DAXO_Error_WritingToCertificateFile;
+  }
   DropRenewal(client);
-  KeepOld(client, oldKey.release(), oldCert.release());
   *changed = true;
   return DAXO_Error_Success;
 }
@@ -260,28 +260,38 @@ DAXO_Error InstallAuthority(DAXO_Client* client, const char* pem, bool* changed)
   CStr bundle(AuthorityBundle(pem, client->caFile));
   if (!bundle) return DAXO_Error_NoMemory;
   CStr old(GetFileContent(client->caFile));
-  if (old && strcmp(old.get(), bundle.get()) == 0) return DAXO_Error_Success;
+  if (!old) {
+    daxo::LogFormat(client,
+                    "Renewal: %s cannot be read, so the new certificate authority is not "
+                    "tried; nothing is changed",
+                    client->caFile);
+    return DAXO_Error_WritingToCertificateFile;
+  }
+  if (strcmp(old.get(), bundle.get()) == 0) return DAXO_Error_Success;
   if (daxo::WriteDurably(client, client->caFile, bundle.get(), strlen(bundle.get()), false) != 0)
     return DAXO_Error_WritingToCertificateFile;
-  KeepOld(client, nullptr, old.release());
+  KeepOld(client, old.release());
   *changed = true;
   return DAXO_Error_Success;
 }
 
-// With ownerMutex held: the files a failed trial replaced.
-void PutBackOldFiles(DAXO_Client* client, int task, DAXO_Error why) noexcept {
-  daxo::LogFormat(client,
-                  "Renewal: the new %s did not bring the connection up (%s); the old one is put "
-                  "back",
-                  task == RenewalTaskAuthority ? "certificate authority" : "client certificate",
-                  DAXO_ErrorName(why));
-  const char* oldCert = client->renewalOldCert;
-  if (task == RenewalTaskClientCertificate && client->renewalOldKey != nullptr &&
-      oldCert != nullptr)
-    daxo::InstallIdentity(client, client->renewalOldKey, oldCert, strlen(oldCert));
-  if (task == RenewalTaskAuthority && oldCert != nullptr)
-    daxo::WriteDurably(client, client->caFile, oldCert, strlen(oldCert), false);
-  KeepOld(client, nullptr, nullptr);
+// With ownerMutex held: the files a failed trial replaced. Success, or
+// WritingToCertificateFile when they could not be put back.
+DAXO_Error PutBackOldFiles(DAXO_Client* client, int task, DAXO_Error why) noexcept {
+  const char* what = task == RenewalTaskAuthority ? "certificate authority" : "client certificate";
+  bool done;
+  if (task == RenewalTaskAuthority) {
+    const char* oldCa = client->renewalOldCa;
+    done = oldCa != nullptr &&
+           daxo::WriteDurably(client, client->caFile, oldCa, strlen(oldCa), false) == 0;
+  } else {
+    done = daxo::PutBackOldIdentity(client);
+  }
+  KeepOld(client, nullptr);
+  daxo::LogFormat(client, "Renewal: the new %s did not bring the connection up (%s); %s", what,
+                  DAXO_ErrorName(why),
+                  done ? "the old one is put back" : "the old one could not be put back");
+  return done ? DAXO_Error_Success : DAXO_Error_WritingToCertificateFile;
 }
 
 // With ownerMutex held; *stopped tells whether the connection was stopped.
@@ -323,7 +333,8 @@ DAXO_Error Renew(DAXO_Client* client, int task, const char* content, bool* stopp
   if (err != DAXO_Error_Success) {
     daxo::Store(client->renewalTrial, RenewalTrialNone);
     RestoreApplicationCallbacks(client);
-    PutBackOldFiles(client, task, err);
+    if (PutBackOldFiles(client, task, err) != DAXO_Error_Success)
+      err = DAXO_Error_WritingToCertificateFile;
   }
   return err;
 }
@@ -370,7 +381,8 @@ void SuperviseRenewalTrial(DAXO_Client* client) noexcept {
   {
     MutexLock lock(&client->ownerMutex);
     if (state == RenewalTrialAccepted) {
-      KeepOld(client, nullptr, nullptr);
+      if (client->renewalTrialTask == RenewalTaskClientCertificate) DropOldIdentity(client);
+      KeepOld(client, nullptr);
       Store(client->renewalTrial, RenewalTrialNone);
       return;
     }
@@ -382,7 +394,8 @@ void SuperviseRenewalTrial(DAXO_Client* client) noexcept {
     bool wanted = Load(client->polling);
     RestoreApplicationCallbacks(client);
     DisconnectMain(client);
-    PutBackOldFiles(client, client->renewalTrialTask, outcome);
+    if (PutBackOldFiles(client, client->renewalTrialTask, outcome) != DAXO_Error_Success)
+      outcome = DAXO_Error_WritingToCertificateFile;
     if (wanted) reconnect = ConnectNow(client, nullptr);
   }
   CallOnCertificateRenewCallback(client, outcome);

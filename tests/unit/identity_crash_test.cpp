@@ -1,7 +1,9 @@
 // A process stopped for good (power cut, SIGKILL) while it stores an
 // identity must leave one that the next start can use. Each exchange runs in
 // a child process killed at its n-th write or rename, for n = 1, 2, ...
-// until it completes; DAXO_CRASH_RUNS=N adds N kills per exchange at random
+// until it completes. A renewal killed before its connection has proven the
+// new pair must come back with the old one, which the broker is known to
+// take; DAXO_CRASH_RUNS=N adds N kills per exchange at random
 // moments (with storage slowed by tests/slow_writes.c, say).
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -25,6 +27,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 int stepsLeft = 0;
+int killReport = -1;  // the child names the step it was killed at here
 
 class IdentityCrashTest : public FakeClientTest {
  protected:
@@ -57,6 +60,14 @@ class IdentityCrashTest : public FakeClientTest {
       Settle();
       fake.Deliver("/v1.0/client-1/renewCertificate/inbox",
                    testcert::IssuedFor(fake.publishes.back().payload, "client-1"));
+      Settle();
+      // The new pair is installed and its connection not yet up.
+      if (IdentityStepHook != nullptr) IdentityStepHook("trial");
+      FakeMqtt& trial = *FakeMqtt::Last();
+      trial.FireConnect(0);
+      trial.FireSubscribe(trial.subscribes.back().mid);
+      Settle();
+      if (IdentityStepHook != nullptr) IdentityStepHook("accepted");
     } else {
       fake.Deliver("/v1.0/client-1/checkExpireDate/inbox",
                    testcert::ExpiringAnswer(testcert::Authority("new")));
@@ -75,17 +86,30 @@ class IdentityCrashTest : public FakeClientTest {
   }
 
   // Runs the exchange in a child killed at its step-th write or rename
-  // (0: never) or after `after`; false once it ran to its end.
-  bool Interrupt(Exchange exchange, int step, std::chrono::microseconds after = {}) {
+  // (0: never) or after `after`; false once it ran to its end. *killedAt
+  // names the step.
+  bool Interrupt(Exchange exchange, int step, std::chrono::microseconds after = {},
+                 std::string* killedAt = nullptr) {
     Prepare(exchange);
+    int report[2];
+    if (pipe(report) != 0) return false;
     pid_t pid = fork();
     if (pid == 0) {
+      close(report[0]);
+      killReport = report[1];
       stepsLeft = step;
-      IdentityStepHook = [](const char*) {
-        if (--stepsLeft == 0) raise(SIGKILL);
+      IdentityStepHook = [](const char* name) {
+        if (--stepsLeft != 0) return;
+        (void)!write(killReport, name, strlen(name));
+        raise(SIGKILL);
       };
       _exit(RunExchange(exchange));
     }
+    close(report[1]);
+    char name[32] = {};
+    (void)!read(report[0], name, sizeof name - 1);
+    close(report[0]);
+    if (killedAt != nullptr) *killedAt = name;
     if (after.count() > 0) {
       std::this_thread::sleep_for(after);  // the fault's timing, not a wait for an event
       kill(pid, SIGKILL);
@@ -107,6 +131,8 @@ class IdentityCrashTest : public FakeClientTest {
     std::string key = testcert::ReadFile(dir / "certs/priv_key.key");
     std::string cert = testcert::ReadFile(dir / "certs/cert.crt");
     std::string ca = testcert::ReadFile(client->caFile);
+    for (const char* kept : {"certs/priv_key.key.old", "certs/cert.crt.old"})
+      if (fs::exists(dir / kept)) return std::string("left ") + kept;
     if (const char* why = CheckAuthorityCertificate(ca.data(), ca.size()))
       return std::string("authority: ") + why;
     if (exchange == kProvisioning && provisioned == DAXO_Error_Success)
@@ -133,17 +159,24 @@ TEST_F(IdentityCrashTest, EveryInterruptedExchangeLeavesAUsableIdentity) {
   for (Exchange exchange : {kProvisioning, kRenewal, kAuthority}) {
     SCOPED_TRACE(names[exchange]);
     int runs = 0, broken = 0, steps = 0;
-    for (int step = 1; step < 50 && Interrupt(exchange, step); ++step, ++steps) {
+    std::string at;
+    for (int step = 1; step < 50 && Interrupt(exchange, step, {}, &at); ++step, ++steps) {
       ++runs;
       std::string wrong = Judge(exchange);
       broken += !wrong.empty();
-      EXPECT_EQ(wrong, "") << "killed at step " << step;
+      EXPECT_EQ(wrong, "") << "killed at step " << step << " (" << at << ")";
+      // Only a proven pair may stay; anything earlier goes back to the old.
+      if (exchange == kRenewal)
+        EXPECT_EQ(testcert::ReadFile(dir / "certs/priv_key.key") == identity.key, at != "accepted")
+            << "killed at step " << step << " (" << at << ")";
     }
     EXPECT_GE(steps, exchange == kAuthority ? 2 : 4) << "every write and rename was reached";
     auto start = Clock::now();
     Interrupt(exchange, 0);
     auto whole = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
     EXPECT_EQ(Judge(exchange), "");
+    if (exchange == kRenewal)
+      EXPECT_NE(testcert::ReadFile(dir / "certs/priv_key.key"), identity.key) << "renewed";
     for (int i = 0; i < randomRuns; ++i) {
       std::uniform_int_distribution<long> at(1, whole.count());
       ++runs;

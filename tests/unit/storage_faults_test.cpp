@@ -101,10 +101,38 @@ TEST_F(StorageFaultsTest, AFullOrReadOnlyFolderKeepsTheWorkingIdentity) {
     EXPECT_EQ(calls[0].code, DAXO_Error_WritingToCertificateFile);
     EXPECT_EQ(Files(), before);
     EXPECT_EQ(fake.disconnects, 0) << "the connection stays";
-    EXPECT_FALSE(fs::exists(dir / "certs/cert.crt.new"));
+    for (const char* left : {"certs/cert.crt.new", "certs/cert.crt.old", "certs/priv_key.key.old"})
+      EXPECT_FALSE(fs::exists(dir / left)) << left;
     TearDown();  // each case on a fresh client and mount
     SetUp();
   }
+}
+
+// The disk fills once the new pair is installed, and its connection fails:
+// going back must need no space.
+TEST_F(StorageFaultsTest, AFailedTrialOnAFullDiskPutsBackTheWorkingIdentity) {
+  client->OnCertificateRenew = [](DAXO_Client*, void* self, DAXO_Error err) {
+    Self(self).calls.push_back({"renewal", err, ""});
+  };
+  if (!Mount(true)) GTEST_SKIP() << "mounting is not permitted here: " << strerror(errno);
+  Store();
+  FakeMqtt& fake = Connected();
+  std::string before = Files();
+  FakeMqtt::OnCreate([this](FakeMqtt& trial) {
+    Block(true);
+    trial.connectResult = MOSQ_ERR_INVAL;
+  });
+  fake.Deliver("/v1.0/client-1/checkExpireDate/inbox", testcert::ExpiringAnswer(""));
+  Settle();
+  fake.Deliver("/v1.0/client-1/renewCertificate/inbox",
+               testcert::IssuedFor(fake.publishes.back().payload, "client-1"));
+  Settle();
+  FakeMqtt::OnCreate(nullptr);
+  ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(calls[0].name, "renewal");
+  EXPECT_EQ(calls[0].code, DAXO_Error_InvalidArguments) << "the trial's own failure";
+  EXPECT_EQ(Files(), before);
+  EXPECT_FALSE(fs::exists(dir / "certs/cert.crt.old"));
 }
 
 TEST_F(StorageFaultsTest, ProvisioningOnAFullDiskStoresNothing) {
