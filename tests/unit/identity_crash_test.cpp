@@ -116,7 +116,9 @@ class IdentityCrashTest : public FakeClientTest {
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) EXPECT_EQ(WEXITSTATUS(status), 0) << "the exchange itself failed";
+    if (WIFEXITED(status)) {
+      EXPECT_EQ(WEXITSTATUS(status), 0) << "the exchange itself failed";
+    }
     return WIFSIGNALED(status);
   }
 
@@ -166,17 +168,19 @@ TEST_F(IdentityCrashTest, EveryInterruptedExchangeLeavesAUsableIdentity) {
       broken += !wrong.empty();
       EXPECT_EQ(wrong, "") << "killed at step " << step << " (" << at << ")";
       // Only a proven pair may stay; anything earlier goes back to the old.
-      if (exchange == kRenewal)
+      if (exchange == kRenewal) {
         EXPECT_EQ(testcert::ReadFile(dir / "certs/priv_key.key") == identity.key, at != "accepted")
             << "killed at step " << step << " (" << at << ")";
+      }
     }
     EXPECT_GE(steps, exchange == kAuthority ? 2 : 4) << "every write and rename was reached";
     auto start = Clock::now();
     Interrupt(exchange, 0);
     auto whole = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
     EXPECT_EQ(Judge(exchange), "");
-    if (exchange == kRenewal)
+    if (exchange == kRenewal) {
       EXPECT_NE(testcert::ReadFile(dir / "certs/priv_key.key"), identity.key) << "renewed";
+    }
     for (int i = 0; i < randomRuns; ++i) {
       std::uniform_int_distribution<long> at(1, whole.count());
       ++runs;
