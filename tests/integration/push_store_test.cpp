@@ -231,8 +231,10 @@ TEST_F(PushStoreTest, PushesSentWhileTheAgentIsAwayAreSentAgainOnItsReturnOnlyBy
     {
       Pusher pusher(c, m);
       std::this_thread::sleep_for(1s);
-      pusher.Up(false);
+      // Marked away only once the agent is gone: pushes made while it stops
+      // may still reach it.
       env.StopAgent();
+      pusher.Up(false);
       std::this_thread::sleep_for(run.away);
       env.StartAgent();
       pusher.Up(true);

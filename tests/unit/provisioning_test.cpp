@@ -188,9 +188,9 @@ TEST_F(ProvisioningTest, AnIdentityThatCannotBeUsedIsNamedKeptAndResetOnRequest)
     EXPECT_TRUE(FakeMqtt::Instances().empty()) << "nothing was started";
     std::ifstream key(File("/priv_key.key"));
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(key), {}), c.key) << "the key is kept";
-    client->wantMain = 1;  // as a retry of the watch thread that failed the same way leaves it
+    daxo::Store(client->wantMain, 1);  // as a retry of the watch thread that failed the same way leaves it
     EXPECT_EQ(DAXO_ResetIdentity(client), DAXO_Error_Success);
-    EXPECT_EQ(client->wantMain, 0) << "nothing is retried with the identity gone";
+    EXPECT_EQ(daxo::Load(client->wantMain), 0) << "nothing is retried with the identity gone";
     EXPECT_EQ(DAXO_GetClientId(client), nullptr);
     EXPECT_FALSE(std::filesystem::exists(File("/cert.crt")));
   }
