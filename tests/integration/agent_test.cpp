@@ -1,6 +1,6 @@
 // What the development agent and the broker do with what the library never
-// sends, seen by bare MQTT clients: refused requests, malformed bodies and
-// the access rules of the main port; and its control commands.
+// sends, seen by bare MQTT clients: refused provisioning requests and the
+// access rules of the main port.
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <mosquitto.h>
@@ -169,30 +169,6 @@ TEST_F(AgentTest, ProvisioningRefusesUnusableRequestsWithTheirCode) {
   }
 }
 
-TEST_F(AgentTest, MalformedBodiesAreAnsweredOnTheErrorTopicWithTheirCode) {
-  std::string tree = "/v1.0/greenhouse";
-  std::unique_ptr<Probe> client = Client("greenhouse");
-  struct Case {
-    const char* topic;
-    const char* payload;
-    const char* errorTopic;
-    int code;
-  } cases[] = {
-      {"/ping", "CheckProvisioning", "/ping/error/inbox", 4},
-      {"/inventory", "[]", "/inventory/error/inbox", 5},
-      {"/sensor/create", R"({"title":"boiler"})", "/sensor/error/inbox", 6},
-      {"/sensor/create", R"({"name":7})", "/sensor/error/inbox", 7},
-      {"/sensor/create", R"({"name":null})", "/sensor/error/inbox", 7},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.topic) + " " + c.payload);
-    std::optional<Message> answer = client->Ask(tree + c.topic, c.payload, tree);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->topic, tree + c.errorTopic);
-    EXPECT_EQ(Member(answer->payload, "errorcode"), std::to_string(c.code));
-  }
-}
-
 TEST_F(AgentTest, MainPortAdmitsOnlyCertifiedClientsAndOnlyToTheirOwnTree) {
   EXPECT_FALSE(Probe("anonymous").Connect(env_, env_.MainPort()));
   const std::string ping = R"({"request":"CheckProvisioning"})";
@@ -209,26 +185,6 @@ TEST_F(AgentTest, MainPortAdmitsOnlyCertifiedClientsAndOnlyToTheirOwnTree) {
   std::vector<std::string> lines = env_.AgentOutput();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "daxo-agent: received /v1.0/alpha/ping " + ping),
             1);
-}
-
-TEST_F(AgentTest, ControlCommandsRefuseUnusableWords) {
-  struct Case {
-    const char* command;
-    const char* ok;
-  } cases[] = {
-      {"cert-days 36500", "true"},
-      {"cert-days 36501", "false"},
-      {"cert-days 3x", "false"},
-      {"cert-days 30 31", "false"},
-      {"job-delete a+b s-1", "false"},
-      {R"(job-create kitchen/1 {"name":"x","metrics":[]})", "false"},
-      {"frobnicate", "false"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.command);
-    std::string answer = env_.AgentControl(c.command);
-    EXPECT_EQ(Member(answer, "ok"), c.ok) << answer;
-  }
 }
 
 }  // namespace
