@@ -62,9 +62,15 @@ class LibraryClient {
     return next;
   }
   int Code(const std::string& name) { return Next(name).code; }
-  bool WaitForLog(const std::string& text) {
-    for (Event line = Next("log"); line.code != kNone; line = Next("log"))
+  // A client that keeps logging (a reconnection loop) must not keep the wait going.
+  bool WaitForLog(const std::string& text, std::chrono::seconds bound = std::chrono::seconds(60)) {
+    auto deadline = std::chrono::steady_clock::now() + bound;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto left = std::chrono::ceil<std::chrono::seconds>(deadline - std::chrono::steady_clock::now());
+      Event line = Next("log", left);
+      if (line.code == kNone) return false;
       if (line.text.find(text) != std::string::npos) return true;
+    }
     return false;
   }
   bool CheckConnection() {
