@@ -345,15 +345,25 @@ extern "C" DAXO_Error LoadConfig(DAXO_Client* client, const char* confFile) noex
 
 extern "C" char* GetFileContent(const char* fileName) noexcept {
   if (fileName == nullptr) return nullptr;
-  int fd = open(fileName, O_RDONLY | O_CLOEXEC);
+  // A FIFO or device named by the configuration would block the read for ever.
+  int fd = open(fileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) return nullptr;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    return nullptr;
+  }
   daxo::CStr content;
   size_t size = 0;
   char chunk[1024];
   for (;;) {
     ssize_t n = read(fd, chunk, sizeof chunk);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;  // end of file, or a read error that ends the reading
+    if (n < 0) {  // half a key or certificate must not pass for the whole
+      close(fd);
+      return nullptr;
+    }
+    if (n == 0) break;
     auto* grown = static_cast<char*>(realloc(content.get(), size + n + 1));
     if (grown == nullptr) {
       close(fd);
